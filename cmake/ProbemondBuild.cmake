@@ -1,0 +1,35 @@
+# Compiler flags and the Debian packages that stand in for the platform libraries.
+add_compile_options(-Wall -Wextra -Werror -fno-exceptions)
+add_compile_definitions(PROBEMOND_HOST=1)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  add_compile_options(-Wthread-safety)
+endif()
+
+if(PROBEMOND_SANITIZE)
+  string(REPLACE "," ";" _sans "${PROBEMOND_SANITIZE}")
+  foreach(_s IN LISTS _sans)
+    if(NOT _s MATCHES "^(address|undefined|thread)$")
+      message(FATAL_ERROR "unknown sanitizer '${_s}'")
+    endif()
+  endforeach()
+  add_compile_options(-fsanitize=${PROBEMOND_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${PROBEMOND_SANITIZE})
+endif()
+
+# Debian ships the platform's liblog and libutils under an "android" subfolder.
+set(ANDROID_INCLUDE_DIR /usr/include/android)
+find_library(ANDROID_LIBLOG NAMES log PATHS /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android NO_DEFAULT_PATH REQUIRED)
+find_library(ANDROID_LIBUTILS NAMES utils PATHS /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android NO_DEFAULT_PATH REQUIRED)
+get_filename_component(ANDROID_LIBDIR ${ANDROID_LIBLOG} DIRECTORY)
+
+add_library(android_log INTERFACE)
+target_include_directories(android_log SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
+target_link_libraries(android_log INTERFACE ${ANDROID_LIBLOG})
+target_link_options(android_log INTERFACE "LINKER:-rpath,${ANDROID_LIBDIR}")
+
+add_library(android_utils INTERFACE)
+target_include_directories(android_utils SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})
+target_link_libraries(android_utils INTERFACE ${ANDROID_LIBUTILS} android_log)
+target_link_options(android_utils INTERFACE "LINKER:-rpath,${ANDROID_LIBDIR}")
+
+find_package(Threads REQUIRED)

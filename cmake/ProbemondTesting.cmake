@@ -1,0 +1,27 @@
+# Test registration shared by every folder.
+enable_testing()
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+# probemond_add_unit_test(NAME SOURCES... LIBS...)
+# A GoogleTest binary whose cases run in-process, without privileges.
+function(probemond_add_unit_test name)
+  cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} probemond_testsupport GTest::gtest GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()
+
+# probemond_add_lab_test(NAME SOURCES... LIBS...)
+# A GoogleTest binary run inside the lab's device namespace (see lab/lab.sh).
+# The lab is brought up by the "lab.up" fixture; lab tests never run in parallel.
+# Exit code 77 from lab.sh (no root, no namespaces) marks the test skipped.
+function(probemond_add_lab_test name)
+  cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} probemond_testsupport GTest::gtest GTest::gmock GTest::gtest_main)
+  add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/lab.sh exec $<TARGET_FILE:${name}>)
+  set_tests_properties(${name} PROPERTIES
+    FIXTURES_REQUIRED lab RESOURCE_LOCK lab SKIP_RETURN_CODE 77 TIMEOUT 600
+    LABELS lab ENVIRONMENT "PROBEMOND_SOURCE_DIR=${CMAKE_SOURCE_DIR};PROBEMOND_BUILD_DIR=${CMAKE_BINARY_DIR}")
+endfunction()

@@ -1,0 +1,28 @@
+// Runs one command line of the platform's wrapper tools through the shell and
+// copies its output into the debug log.
+#pragma once
+
+#include <functional>
+
+// Failure messages of the two callers; they differ on purpose.
+inline constexpr const char* kIptablesCommandFailure = "SEND PROBEMOND NDC COMMAND - FAIL %s";
+inline constexpr const char* kIpCommandFailure = "SEND PROBEMOND NDC COMMAND - FAIL %s\n";
+
+// True when the command was started, whatever it printed or returned.
+bool runWrapperCommand(const char* command, const char* failureFormat);
+
+namespace probemond {
+
+// Seam under runWrapperCommand: starts a command line and hands back its
+// output piece by piece. The default uses popen; tests install a recorder.
+class CommandExecutor {
+public:
+    virtual ~CommandExecutor() = default;
+    // Returns false when the command could not be started.
+    virtual bool execute(const char* command, const std::function<void(const char* piece)>& onOutput) = 0;
+};
+
+// Installs `executor` (nullptr restores the default); returns the previous one.
+CommandExecutor* setCommandExecutor(CommandExecutor* executor);
+
+}  // namespace probemond

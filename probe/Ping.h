@@ -1,0 +1,14 @@
+// One ICMP echo exchange on a named interface.
+#pragma once
+
+#include <cstdint>
+
+class Ping {
+public:
+    // Sends one echo request to `server` through `iface` and waits for its
+    // reply. Returns the round-trip time in ms, or the configured ping
+    // timeout when no acceptable reply came.
+    int32_t ping(const char* iface, const char* server);
+
+    uint16_t sequenceNumber = 0;
+};

@@ -1,0 +1,38 @@
+#include "TempPropertyFile.h"
+
+#include <cutils/properties.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace probemond::test {
+
+TempPropertyFile::TempPropertyFile() {
+    if (const char* prev = getenv("PROBEMOND_PROPERTY_FILE")) {
+        hadPrevious_ = true;
+        previous_ = prev;
+    }
+    char tmpl[] = "/tmp/probemond-props-XXXXXX";
+    int fd = mkstemp(tmpl);
+    if (fd >= 0) close(fd);
+    path_ = tmpl;
+    setenv("PROBEMOND_PROPERTY_FILE", path_.c_str(), 1);
+}
+
+TempPropertyFile::~TempPropertyFile() {
+    unlink(path_.c_str());
+    if (hadPrevious_)
+        setenv("PROBEMOND_PROPERTY_FILE", previous_.c_str(), 1);
+    else
+        unsetenv("PROBEMOND_PROPERTY_FILE");
+}
+
+void TempPropertyFile::set(const std::string& key, const std::string& value) {
+    if (property_set(key.c_str(), value.c_str()) != 0) {
+        fprintf(stderr, "TempPropertyFile: property_set(%s) failed\n", key.c_str());
+        abort();
+    }
+}
+
+}  // namespace probemond::test
