@@ -1,0 +1,340 @@
+#!/usr/bin/env bash
+# The network lab: a "device" namespace with the ten interfaces the daemon
+# knows, wired by veth pairs to an "internet" namespace that owns every
+# resolver address and runs the ICMP responder.
+#
+#   lab.sh up | down | status
+#   lab.sh exec CMD...            run CMD in the device namespace
+#   lab.sh netexec CMD...         run CMD in the internet namespace
+#   lab.sh delay IFACE MS         echo replies on IFACE come MS ms late
+#   lab.sh loss IFACE PERCENT     drop PERCENT % of echo requests on IFACE
+#   lab.sh fault IFACE MODE|off   misbehave on IFACE (see usage)
+#   lab.sh counters [IFACE]       packets the device sent over IFACE
+#
+# PROBEMOND_LAB (default "probemond") names the lab; labs with different
+# names are independent. PROBEMOND_BUILD_DIR (default <repo>/build) is where
+# the responder is found. Exit 77 means "cannot run here" (no root or no
+# network namespaces).
+set -uo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+SELF="$ROOT/lab/lab.sh"
+NAME="${PROBEMOND_LAB:-probemond}"
+DEV="$NAME-dev"
+NET="$NAME-net"
+STATE="/run/probemond-lab-$NAME"
+BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
+RESPONDER="$BUILD_DIR/bin/probemond-responder"
+
+IFACES=(wlan0 wlan1 rmnet_data0 rmnet_data1 rmnet_data2 rmnet_data3 rmnet_data4 rmnet_data5
+        rmnet_data6 rmnet_data7)
+RESOLVERS=(180.76.76.76 223.5.5.5 114.114.114.114 208.67.222.222 114.114.115.115 223.6.6.6
+           8.8.8.8 1.1.1.1 8.8.4.4 1.0.0.1)
+FAULTS=(off silent wrong-seq bad-checksum foreign-source unreachable duplicate
+        wrong-seq+reply bad-checksum+reply foreign-source+reply unreachable+reply)
+
+die() { echo "lab: $*" >&2; exit 1; }
+skip() { echo "skipped: $*"; exit 77; }
+
+# Per interface: subnet octet, routing table id, main-table metric.
+# wlan0 10.77.0.0/24, wlan1 10.77.1.0/24, rmnet_dataN 10.77.(10+N).0/24;
+# the device is .2, the internet side .1. wlan0 has the lowest metric so
+# unmarked traffic leaves through it.
+octet() {
+    case "$1" in
+        wlan*) echo "${1#wlan}" ;;
+        rmnet_data*) echo $((10 + ${1#rmnet_data})) ;;
+    esac
+}
+table_id() { echo $((1000 + $(octet "$1"))); }
+metric() { echo $((100 + $(octet "$1"))); }
+mac() { printf '02:77:00:%02x:00:%02x' "$(octet "$1")" "$2"; }
+peer() { echo "n-$1"; }
+
+known_iface() {
+    local i
+    for i in "${IFACES[@]}"; do [ "$i" = "$1" ] && return 0; done
+    return 1
+}
+
+require_root() {
+    [ "$(id -u)" -eq 0 ] || skip "the lab needs root (network namespaces, raw sockets)"
+    command -v ip >/dev/null || skip "iproute2 (ip) is not installed"
+}
+
+ns_exists() { [ -e "/run/netns/$1" ]; }
+
+responder_pid() {
+    local pid
+    pid="$(cat "$STATE/responder.pid" 2>/dev/null)" || return 1
+    [ -n "$pid" ] && [ -d "/proc/$pid" ] || return 1
+    grep -q '^probemond-resp' "/proc/$pid/comm" 2>/dev/null || return 1
+    echo "$pid"
+}
+
+is_up() { ns_exists "$DEV" && ns_exists "$NET" && responder_pid >/dev/null; }
+
+# Serialises up/down of every lab on this machine; the lock is on this script.
+lock() {
+    exec 9<"$SELF"
+    flock 9
+}
+
+write_setting() {  # IFACE KEY VALUE, replaced whole so the responder never sees half
+    local dir="$STATE/ctl/$1"
+    mkdir -p "$dir"
+    printf '%s\n' "$3" >"$dir/.$2.tmp" && mv -f "$dir/.$2.tmp" "$dir/$2"
+}
+
+write_etc() {
+    # `ip netns exec` mounts /etc/netns/<ns>/iproute2 over /etc/iproute2, so
+    # the copy carries the stock files (Debian keeps rt_tables in /etc/iproute2)
+    # plus one table per interface, named after it.
+    local etc="/etc/netns/$DEV"
+    rm -rf "$etc.tmp"
+    mkdir -p "$etc.tmp"
+    if [ -d /etc/iproute2 ]; then
+        cp -a /etc/iproute2 "$etc.tmp/iproute2"
+    else
+        mkdir -p "$etc.tmp/iproute2"
+        printf '255\tlocal\n254\tmain\n253\tdefault\n0\tunspec\n' >"$etc.tmp/iproute2/rt_tables"
+    fi
+    [ -f "$etc.tmp/iproute2/rt_tables" ] || printf '255\tlocal\n254\tmain\n253\tdefault\n0\tunspec\n' >"$etc.tmp/iproute2/rt_tables"
+    {
+        echo "# probemond lab: one table per interface"
+        local i
+        for i in "${IFACES[@]}"; do printf '%s\t%s\n' "$(table_id "$i")" "$i"; done
+    } >>"$etc.tmp/iproute2/rt_tables"
+    # No DNS in the lab: names fail at once instead of waiting for a server.
+    printf 'nameserver 127.0.0.1\noptions timeout:1 attempts:1\n' >"$etc.tmp/resolv.conf"
+    rm -rf "$etc"
+    mv "$etc.tmp" "$etc"
+}
+
+sysctls() {  # NS then key=value pairs
+    local ns="$1"; shift
+    local kv script=""
+    for kv in "$@"; do
+        script+="echo ${kv#*=} > /proc/sys/${kv%%=*}; "
+    done
+    ip netns exec "$ns" sh -c "$script" || return 1
+}
+
+setup_iface() {
+    local i="$1" o p gw dev_ip
+    o="$(octet "$i")"; p="$(peer "$i")"
+    gw="10.77.$o.1"; dev_ip="10.77.$o.2"
+    if ! ip -n "$DEV" link show "$i" >/dev/null 2>&1; then
+        ip -n "$NET" link del "$p" >/dev/null 2>&1
+        ip link add name "$i" netns "$DEV" address "$(mac "$i" 2)" type veth \
+            peer name "$p" netns "$NET" address "$(mac "$i" 1)" || return 1
+    fi
+    sysctls "$DEV" "net/ipv6/conf/$i/disable_ipv6=1" "net/ipv4/conf/$i/rp_filter=0" || return 1
+    sysctls "$NET" "net/ipv6/conf/$p/disable_ipv6=1" "net/ipv4/conf/$p/rp_filter=0" || return 1
+    ip -n "$DEV" addr replace "$dev_ip/24" dev "$i" || return 1
+    ip -n "$NET" addr replace "$gw/24" dev "$p" || return 1
+    # Fixed neighbours: no ARP chatter, so the counters count only real traffic.
+    ip -n "$DEV" neigh replace "$gw" lladdr "$(mac "$i" 1)" dev "$i" nud permanent || return 1
+    ip -n "$NET" neigh replace "$dev_ip" lladdr "$(mac "$i" 2)" dev "$p" nud permanent || return 1
+    ip -n "$DEV" link set "$i" up || return 1
+    ip -n "$NET" link set "$p" up || return 1
+    ip -n "$DEV" route replace default via "$gw" dev "$i" metric "$(metric "$i")" || return 1
+    ip -n "$DEV" route replace default via "$gw" dev "$i" table "$(table_id "$i")" || return 1
+    [ -f "$STATE/ctl/$i/delay" ] || write_setting "$i" delay 0
+    [ -f "$STATE/ctl/$i/loss" ] || write_setting "$i" loss 0
+    [ -f "$STATE/ctl/$i/fault" ] || write_setting "$i" fault off
+}
+
+start_responder() {
+    responder_pid >/dev/null && return 0
+    [ -x "$RESPONDER" ] || die "responder not built: $RESPONDER (run ./run build, or set PROBEMOND_BUILD_DIR)"
+    rm -f "$STATE/responder.pid"
+    setsid "$RESPONDER" --state-dir "$STATE" --netns "/run/netns/$NET" \
+        </dev/null >>"$STATE/responder.log" 2>&1 9<&- &
+    local n
+    for n in $(seq 100); do
+        responder_pid >/dev/null && return 0
+        sleep 0.05
+    done
+    die "responder did not start (see $STATE/responder.log)"
+}
+
+cmd_up() {
+    require_root
+    lock
+    if ! ns_exists "$DEV"; then
+        ip netns add "$DEV" 2>/dev/null || skip "cannot create network namespaces here"
+    fi
+    if ! ns_exists "$NET"; then
+        ip netns add "$NET" 2>/dev/null || skip "cannot create network namespaces here"
+    fi
+    mkdir -p "$STATE/ctl" || die "cannot create $STATE"
+    write_etc || die "cannot write /etc/netns/$DEV"
+    local common=(net/ipv6/conf/all/disable_ipv6=1 net/ipv6/conf/default/disable_ipv6=1
+                  net/ipv4/conf/all/rp_filter=0 net/ipv4/conf/default/rp_filter=0)
+    # Replies to steered traffic may come back on another interface than the
+    # one the route lookup picks: reverse-path filtering stays off.
+    sysctls "$DEV" "${common[@]}" || die "cannot configure $DEV"
+    sysctls "$NET" "${common[@]}" net/ipv4/icmp_echo_ignore_all=1 || die "cannot configure $NET"
+    ip -n "$DEV" link set lo up || die "cannot configure $DEV"
+    ip -n "$NET" link set lo up || die "cannot configure $NET"
+    local r i
+    for r in "${RESOLVERS[@]}"; do
+        ip -n "$NET" addr replace "$r/32" dev lo || die "cannot add $r"
+    done
+    for i in "${IFACES[@]}"; do
+        setup_iface "$i" || die "cannot set up $i"
+    done
+    start_responder
+    echo "lab $NAME is up"
+}
+
+kill_pids() {
+    local pid
+    for pid in "$@"; do kill "$pid" 2>/dev/null; done
+    for _ in $(seq 50); do
+        local alive=0
+        for pid in "$@"; do [ -d "/proc/$pid" ] && alive=1; done
+        [ $alive -eq 0 ] && return 0
+        sleep 0.05
+    done
+    for pid in "$@"; do kill -9 "$pid" 2>/dev/null; done
+}
+
+cmd_down() {
+    [ "$(id -u)" -eq 0 ] || skip "the lab needs root"
+    lock
+    local pids=() pid ns
+    pid="$(responder_pid)" && pids+=("$pid")
+    for ns in "$DEV" "$NET"; do
+        ns_exists "$ns" || continue
+        # Whatever still runs inside the lab (listeners, probes) goes with it.
+        for pid in $(ip netns pids "$ns" 2>/dev/null); do
+            [ "$pid" != "$$" ] && pids+=("$pid")
+        done
+    done
+    [ ${#pids[@]} -gt 0 ] && kill_pids "${pids[@]}"
+    for ns in "$DEV" "$NET"; do
+        ns_exists "$ns" && ip netns del "$ns"
+    done
+    rm -rf "/etc/netns/$DEV" "/etc/netns/$DEV.tmp" "/etc/netns/$NET" "$STATE"
+    rmdir /etc/netns 2>/dev/null
+    echo "lab $NAME is down"
+    return 0
+}
+
+counter() {  # IFACE -> rx packets on its internet-side peer
+    ip netns exec "$NET" cat "/sys/class/net/$(peer "$1")/statistics/rx_packets" 2>/dev/null
+}
+
+cmd_status() {
+    require_root
+    if ! ns_exists "$DEV" || ! ns_exists "$NET"; then
+        echo "lab $NAME is down"
+        return 3
+    fi
+    local pid
+    pid="$(responder_pid)" || pid="not running"
+    echo "lab $NAME: namespaces $DEV, $NET; responder $pid; state $STATE"
+    printf '%-12s %-15s %-8s %-6s %-22s %s\n' IFACE ADDRESS DELAY LOSS FAULT RX-PACKETS
+    local i o
+    for i in "${IFACES[@]}"; do
+        o="$(octet "$i")"
+        printf '%-12s %-15s %-8s %-6s %-22s %s\n' "$i" "10.77.$o.2/24" \
+            "$(cat "$STATE/ctl/$i/delay" 2>/dev/null)ms" "$(cat "$STATE/ctl/$i/loss" 2>/dev/null)%" \
+            "$(cat "$STATE/ctl/$i/fault" 2>/dev/null)" "$(counter "$i")"
+    done
+    [ "$pid" != "not running" ]
+}
+
+need_iface() {
+    [ -n "${1:-}" ] || die "missing interface"
+    known_iface "$1" || die "unknown interface '$1' (one of ${IFACES[*]})"
+    [ -d "$STATE/ctl" ] || die "lab $NAME is not up"
+}
+
+cmd_delay() {
+    need_iface "${1:-}"
+    [[ "${2:-}" =~ ^[0-9]+$ ]] || die "delay: milliseconds expected, got '${2:-}'"
+    write_setting "$1" delay "$((10#$2))"
+}
+
+cmd_loss() {
+    need_iface "${1:-}"
+    [[ "${2:-}" =~ ^[0-9]+$ ]] && [ "$((10#$2))" -le 100 ] || die "loss: percent 0-100 expected, got '${2:-}'"
+    write_setting "$1" loss "$((10#$2))"
+}
+
+cmd_fault() {
+    need_iface "${1:-}"
+    local f
+    for f in "${FAULTS[@]}"; do
+        if [ "$f" = "${2:-}" ]; then
+            write_setting "$1" fault "$2"
+            return 0
+        fi
+    done
+    die "fault: one of ${FAULTS[*]} expected, got '${2:-}'"
+}
+
+cmd_counters() {
+    require_root
+    ns_exists "$NET" || die "lab $NAME is not up"
+    if [ -n "${1:-}" ]; then
+        known_iface "$1" || die "unknown interface '$1'"
+        counter "$1"
+        return
+    fi
+    local i
+    for i in "${IFACES[@]}"; do printf '%s %s\n' "$i" "$(counter "$i")"; done
+}
+
+cmd_exec() {
+    [ $# -gt 0 ] || die "exec: command expected"
+    require_root
+    if ! is_up; then
+        "$SELF" up >/dev/null
+        local rc=$?
+        [ $rc -eq 77 ] && skip "cannot create network namespaces here"
+        [ $rc -eq 0 ] || die "lab did not come up"
+    fi
+    exec ip netns exec "$DEV" env PROBEMOND_SYSTEM_BIN="$ROOT/lab/wrappers" PROBEMOND_LAB="$NAME" "$@"
+}
+
+cmd_netexec() {
+    [ $# -gt 0 ] || die "netexec: command expected"
+    require_root
+    ns_exists "$NET" || die "lab $NAME is not up"
+    exec ip netns exec "$NET" env PROBEMOND_LAB="$NAME" "$@"
+}
+
+usage() {
+    cat <<U
+usage: lab.sh COMMAND [ARGS]   (lab "$NAME"; set PROBEMOND_LAB for another)
+  up | down | status
+  exec CMD...              run CMD in the device namespace ($DEV)
+  netexec CMD...           run CMD in the internet namespace ($NET)
+  delay IFACE MS           echo replies on IFACE come MS milliseconds late
+  loss IFACE PERCENT       drop PERCENT % of echo requests arriving on IFACE
+  fault IFACE MODE|off     MODE: silent, wrong-seq, bad-checksum, foreign-source,
+                           unreachable, duplicate; wrong-seq, bad-checksum,
+                           foreign-source and unreachable take "+reply" (the bad
+                           packet after the delay, the real reply one delay later)
+  counters [IFACE]         packets received from IFACE on the internet side
+U
+}
+
+sub="${1:-}"; [ $# -gt 0 ] && shift
+case "$sub" in
+    up) cmd_up ;;
+    down) cmd_down ;;
+    status) cmd_status ;;
+    exec) cmd_exec "$@" ;;
+    netexec) cmd_netexec "$@" ;;
+    delay) cmd_delay "$@" ;;
+    loss) cmd_loss "$@" ;;
+    fault) cmd_fault "$@" ;;
+    counters) cmd_counters "$@" ;;
+    -h|--help|help|"") usage ;;
+    *) usage >&2; exit 2 ;;
+esac
