@@ -1,0 +1,71 @@
+#include "netctl/WrapperCommand.h"
+
+#include <atomic>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <android/log.h>
+
+#include "netctl/CommandFormat.h"
+
+namespace probemond {
+namespace {
+
+constexpr size_t kOutputLineSize = 1024;
+
+#ifdef PROBEMOND_HOST
+constexpr char kSystemBin[] = "/system/bin/";
+
+// Host builds run the wrapper tools from $PROBEMOND_SYSTEM_BIN; the command
+// text seen by callers and logs stays the device one.
+const char* hostCommand(const char* command, char* mapped, size_t size) {
+    const char* dir = getenv("PROBEMOND_SYSTEM_BIN");
+    if (dir == nullptr || dir[0] == '\0') return command;
+    if (strncmp(command, kSystemBin, sizeof(kSystemBin) - 1) != 0) return command;
+    formatBounded(mapped, size, "%s/%s", dir, command + sizeof(kSystemBin) - 1);
+    return mapped;
+}
+#endif
+
+class PopenExecutor : public CommandExecutor {
+public:
+    bool execute(const char* command, const std::function<void(const char*)>& onOutput) override {
+#ifdef PROBEMOND_HOST
+        char mapped[kCommandSize + PATH_MAX];
+        command = hostCommand(command, mapped, sizeof(mapped));
+#endif
+        // "e": the read end must not leak into commands started concurrently by the other manager.
+        FILE* out = popen(command, "re");
+        if (out == nullptr) return false;
+        char line[kOutputLineSize];
+        memset(line, 0, sizeof(line));
+        while (fgets(line, sizeof(line), out) != nullptr) onOutput(line);
+        pclose(out);  // the tools' exit status tells nothing the daemon acts on
+        return true;
+    }
+};
+
+PopenExecutor gPopenExecutor;
+std::atomic<CommandExecutor*> gExecutor{&gPopenExecutor};
+
+}  // namespace
+
+CommandExecutor* setCommandExecutor(CommandExecutor* executor) {
+    CommandExecutor* previous = gExecutor.exchange(executor != nullptr ? executor : &gPopenExecutor);
+    return previous == &gPopenExecutor ? nullptr : previous;
+}
+
+}  // namespace probemond
+
+bool runWrapperCommand(const char* command, const char* failureFormat) {
+    bool started = probemond::gExecutor.load()->execute(command, [](const char* piece) {
+        __android_log_print(ANDROID_LOG_DEBUG, nullptr, "PROBEMOND EXECNETD RESP %s", piece);
+    });
+    if (!started) {
+        __android_log_print(ANDROID_LOG_ERROR, nullptr, failureFormat, command);
+        return false;
+    }
+    return true;
+}
