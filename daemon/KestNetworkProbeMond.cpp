@@ -1,0 +1,156 @@
+#include "daemon/KestNetworkProbeMond.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
+#include <log/log.h>
+
+#include "daemon/KestNetworkProbeMondDump.h"
+#include "interfaces/InterfaceManager.h"
+#include "netctl/IptablesRuleManager.h"
+
+namespace android {
+namespace {
+
+// Never destroyed: the registered service lives as long as the process.
+sp<KestNetworkProbeMond>& storedService() {
+    static sp<KestNetworkProbeMond>* service = new sp<KestNetworkProbeMond>();
+    return *service;
+}
+
+// A dump reader that goes away must not kill the daemon with SIGPIPE: the
+// signal is blocked on this thread while writing and a pending one is eaten.
+class ScopedSigpipeBlock {
+public:
+    ScopedSigpipeBlock() {
+        sigset_t pipeOnly;
+        sigemptyset(&pipeOnly);
+        sigaddset(&pipeOnly, SIGPIPE);
+        blocked_ = pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous_) == 0;
+    }
+    ~ScopedSigpipeBlock() {
+        if (!blocked_) return;
+        sigset_t pipeOnly;
+        sigemptyset(&pipeOnly);
+        sigaddset(&pipeOnly, SIGPIPE);
+        const struct timespec noWait = {0, 0};
+        while (sigtimedwait(&pipeOnly, nullptr, &noWait) == SIGPIPE) {
+        }
+        pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+    }
+    ScopedSigpipeBlock(const ScopedSigpipeBlock&) = delete;
+    ScopedSigpipeBlock& operator=(const ScopedSigpipeBlock&) = delete;
+
+private:
+    sigset_t previous_;
+    bool blocked_ = false;
+};
+
+status_t writeAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return -errno;
+        done += static_cast<size_t>(n);
+    }
+    return OK;
+}
+
+}  // namespace
+
+void KestNetworkProbeMond::useBinderIPC() {
+    ProcessState::initWithDriver("/dev/vndbinder");
+    sp<IServiceManager> sm = defaultServiceManager();
+    String16 name("probemond_Binder");
+    sp<KestNetworkProbeMond>& service = storedService();
+    if (service == nullptr) service = new KestNetworkProbeMond();
+    // Not reachable from isolated processes; no retry: a daemon that failed
+    // to register keeps running unreachable.
+    sm->addService(name, service, false, IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT);
+    sm.clear();
+    ProcessState::self()->startThreadPool();
+}
+
+sp<KestNetworkProbeMond> KestNetworkProbeMond::serviceInstance() {
+    return storedService();
+}
+
+int32_t KestNetworkProbeMond::startPingInternal(std::string iface) {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "startPingInternal", iface.c_str());
+    return InterfaceManager::instance()->startPingThread(iface.c_str());
+}
+
+int32_t KestNetworkProbeMond::stopPingInternal(std::string iface) {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "stopPingInternal", iface.c_str());
+    return InterfaceManager::instance()->stopPingThread(iface.c_str());
+}
+
+int32_t KestNetworkProbeMond::stopAllPingInternal() {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "stopAllPingInternal");
+    return InterfaceManager::instance()->stopAllPingThreads();
+}
+
+int32_t KestNetworkProbeMond::suspendAllPingInternal() {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "suspendAllPingInternal");
+    return InterfaceManager::instance()->suspendAllPingThreads();
+}
+
+int32_t KestNetworkProbeMond::resumeAllPingInternal() {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "resumeAllPingInternal");
+    return InterfaceManager::instance()->resumeAllPingThreads();
+}
+
+int32_t KestNetworkProbeMond::getRttInternal(std::string iface) {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "getRttInternal", iface.c_str());
+    return InterfaceManager::instance()->getInterfaceRtt(iface.c_str());
+}
+
+int32_t KestNetworkProbeMond::addUidInternal(std::string uid) {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, uid=%s", "addUidInternal", uid.c_str());
+    return IptablesRuleManager::instance()->addUid(uid.c_str());
+}
+
+int32_t KestNetworkProbeMond::delUidInternal(std::string uid) {
+    // The uid stays out of this line; the iptables manager logs it.
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "delUidInternal");
+    return IptablesRuleManager::instance()->delUid(uid.c_str());
+}
+
+int32_t KestNetworkProbeMond::addIpRuleInternal(std::string iface) {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "addIpRuleInternal", iface.c_str());
+    return InterfaceManager::instance()->addInterfaceIpRule(iface.c_str());
+}
+
+int32_t KestNetworkProbeMond::delIpRuleInternal(std::string iface) {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "delIpRuleInternal", iface.c_str());
+    return InterfaceManager::instance()->delInterfaceIpRule(iface.c_str());
+}
+
+int32_t KestNetworkProbeMond::selectInterfaceInternal(std::string iface) {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "selectInterfaceInternal", iface.c_str());
+    return InterfaceManager::instance()->selectInterface(iface.c_str());
+}
+
+int32_t KestNetworkProbeMond::enableAutoSelectInternal(std::string ifaces) {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, ifaces=%s", "enableAutoSelectInternal", ifaces.c_str());
+    InterfaceManager::instance()->enableAutoSelect(ifaces.c_str());
+    return 0;
+}
+
+int32_t KestNetworkProbeMond::disableAutoSelectInternal() {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "disableAutoSelectInternal");
+    InterfaceManager::instance()->disableAutoSelect();
+    return 0;
+}
+
+status_t KestNetworkProbeMond::dump(int fd, const Vector<String16>& /*args*/) {
+    ScopedSigpipeBlock noSigpipe;
+    return writeAll(fd, probemond::formatState());
+}
+
+}  // namespace android

@@ -1,0 +1,45 @@
+// The binder service: thirteen operations forwarded to the interface and
+// iptables managers, plus a state dump for people debugging a device.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <utils/String16.h>
+#include <utils/StrongPointer.h>
+#include <utils/Vector.h>
+
+#include "daemon/IKestNetworkProbeMon.h"
+
+namespace android {
+
+class KestNetworkProbeMond : public BnKestNetworkProbeMon {
+public:
+    // Registers "probemond_Binder" on /dev/vndbinder and starts the binder
+    // thread pool. Later calls register the same object again.
+    static void useBinderIPC();
+
+    // The object useBinderIPC registers; empty before its first call.
+    static sp<KestNetworkProbeMond> serviceInstance();
+
+    int32_t startPingInternal(std::string iface) override;
+    int32_t stopPingInternal(std::string iface) override;
+    int32_t stopAllPingInternal() override;
+    int32_t suspendAllPingInternal() override;
+    int32_t resumeAllPingInternal() override;
+    int32_t getRttInternal(std::string iface) override;
+    int32_t addUidInternal(std::string uid) override;
+    int32_t delUidInternal(std::string uid) override;
+    int32_t addIpRuleInternal(std::string iface) override;
+    int32_t delIpRuleInternal(std::string iface) override;
+    int32_t selectInterfaceInternal(std::string iface) override;
+    int32_t enableAutoSelectInternal(std::string ifaces) override;
+    int32_t disableAutoSelectInternal() override;
+
+    // Writes the daemon's state as text. Reads only snapshots that never wait
+    // for the selection or firewall mutexes, so it answers even while a
+    // failure path has left one of them held.
+    status_t dump(int fd, const Vector<String16>& args) override;
+};
+
+}  // namespace android
