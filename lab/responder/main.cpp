@@ -315,6 +315,8 @@ void Responder::sendDue() {
     }
     const int64_t now = nowNs(CLOCK_MONOTONIC);
     while (!queue_.empty() && queue_.top().dueNs <= now) {
+        const int64_t lateUs = (now - queue_.top().dueNs) / 1000;
+        if (lateUs > 500) logLine("reply %lld us late", static_cast<long long>(lateUs));
         send(queue_.top());
         queue_.pop();
     }
