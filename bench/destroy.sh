@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Socket destruction benchmark: killUidSockets against `ss -K`.
+set -euo pipefail
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+BIN="${PROBEMOND_BUILD_DIR:-$ROOT/build}/bin/bench-destroy"
+[ -x "$BIN" ] || { echo "bench destroy: $BIN not built (./run build)" >&2; exit 2; }
+command -v ss >/dev/null || { echo "skipped: ss (iproute2) is not installed"; exit 77; }
+echo "== destroy: killUidSockets vs ss -K =="
+exec "$BIN"
