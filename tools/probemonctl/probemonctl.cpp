@@ -1,0 +1,231 @@
+// Command-line client of probemond: one transaction per invocation, or a
+// callback watcher that stands in for the vendor client.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+
+#include "daemon/IKestNetworkProbeMon.h"
+#include "daemon/IKestNetworkProbeMonCallback.h"
+
+using namespace android;
+
+namespace {
+
+constexpr const char* kDriver = "/dev/vndbinder";
+constexpr const char* kServiceName = "probemond_Binder";
+constexpr const char* kCallbackName = "NetworkProbeMon_Binder";
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+struct Command {
+    const char* name;
+    uint32_t code;
+    const char* argName;  // null: takes no argument
+};
+
+const Command kCommands[] = {
+    {"start-ping", IKestNetworkProbeMon::START_PING, "IFACE"},
+    {"stop-ping", IKestNetworkProbeMon::STOP_PING, "IFACE"},
+    {"stop-all-ping", IKestNetworkProbeMon::STOP_ALL_PING, nullptr},
+    {"suspend-all-ping", IKestNetworkProbeMon::SUSPEND_ALL_PING, nullptr},
+    {"resume-all-ping", IKestNetworkProbeMon::RESUME_ALL_PING, nullptr},
+    {"rtt", IKestNetworkProbeMon::GET_RTT, "IFACE"},
+    {"add-uid", IKestNetworkProbeMon::ADD_UID, "UID"},
+    {"del-uid", IKestNetworkProbeMon::DEL_UID, "UID"},
+    {"add-ip-rule", IKestNetworkProbeMon::ADD_IP_RULE, "IFACE"},
+    {"del-ip-rule", IKestNetworkProbeMon::DEL_IP_RULE, "IFACE"},
+    {"select", IKestNetworkProbeMon::SELECT_INTERFACE, "IFACE"},
+    {"auto-select", IKestNetworkProbeMon::ENABLE_AUTO_SELECT, "LIST"},
+    {"disable-auto-select", IKestNetworkProbeMon::DISABLE_AUTO_SELECT, nullptr},
+};
+
+int usage(const char* problem) {
+    if (problem != nullptr) fprintf(stderr, "probemonctl: %s\n", problem);
+    fprintf(stderr, "usage: probemonctl COMMAND [ARG]\n");
+    for (const Command& c : kCommands) {
+        fprintf(stderr, "  %s%s%s\n", c.name, c.argName ? " " : "", c.argName ? c.argName : "");
+    }
+    fprintf(stderr,
+            "  dump                  print the service's state\n"
+            "  watch [--reply N]     serve %s, print each onAutoSelect, answer N (default 0)\n"
+            "  call CODE [STRING]    send transaction CODE with an optional C string\n"
+            "Each command prints the reply integer.\n",
+            kCallbackName);
+    return kExitUsage;
+}
+
+const char* statusName(status_t s) {
+    switch (s) {
+        case OK: return "OK";
+        case PERMISSION_DENIED: return "PERMISSION_DENIED";
+        case NAME_NOT_FOUND: return "NAME_NOT_FOUND";
+        case NO_MEMORY: return "NO_MEMORY";
+        case BAD_VALUE: return "BAD_VALUE";
+        case DEAD_OBJECT: return "DEAD_OBJECT";
+        case INVALID_OPERATION: return "INVALID_OPERATION";
+        case NOT_ENOUGH_DATA: return "NOT_ENOUGH_DATA";
+        case UNKNOWN_TRANSACTION: return "UNKNOWN_TRANSACTION";
+        case BAD_TYPE: return "BAD_TYPE";
+        case FAILED_TRANSACTION: return "FAILED_TRANSACTION";
+        case UNEXPECTED_NULL: return "UNEXPECTED_NULL";
+        default: return "error";
+    }
+}
+
+bool parseInt(const char* text, long long lo, long long hi, long long* out) {
+    errno = 0;
+    char* end = nullptr;
+    // Decimal, or hex with 0x; never octal, so "010" is ten.
+    const bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const long long v = strtoll(text, &end, hex ? 16 : 10);
+    if (errno != 0 || end == text || *end != '\0' || v < lo || v > hi) return false;
+    *out = v;
+    return true;
+}
+
+sp<IBinder> findService() {
+    sp<IBinder> binder = defaultServiceManager()->checkService(String16(kServiceName));
+    if (binder == nullptr) {
+        fprintf(stderr, "probemonctl: service %s is not running (looked in %s)\n", kServiceName,
+                ProcessState::self()->hostDirectory().c_str());
+    }
+    return binder;
+}
+
+int runCall(uint32_t code, const char* arg) {
+    sp<IBinder> binder = findService();
+    if (binder == nullptr) return kExitFailed;
+    sp<BpKestNetworkProbeMon> service = new BpKestNetworkProbeMon(binder);
+    int32_t result = 0;
+    const status_t status = service->call(code, arg, &result);
+    if (status != OK) {
+        fprintf(stderr, "probemonctl: transaction %u failed: %s (%d)\n", code, statusName(status), status);
+        return kExitFailed;
+    }
+    printf("%d\n", result);
+    return 0;
+}
+
+int runDump() {
+    sp<IBinder> binder = findService();
+    if (binder == nullptr) return kExitFailed;
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        fprintf(stderr, "probemonctl: pipe: %s\n", strerror(errno));
+        return kExitFailed;
+    }
+    // Read while the service writes, so a dump larger than the pipe cannot stall it.
+    std::thread reader([readFd = fds[0]] {
+        char buf[4096];
+        ssize_t n;
+        while ((n = read(readFd, buf, sizeof(buf))) > 0 || (n < 0 && errno == EINTR)) {
+            if (n > 0 && fwrite(buf, 1, static_cast<size_t>(n), stdout) != static_cast<size_t>(n)) break;
+        }
+        close(readFd);
+    });
+    status_t status;
+    {
+        Parcel data;
+        Parcel reply;
+        data.writeFileDescriptor(fds[1]);
+        data.writeInt32(0);
+        status = binder->transact(IBinder::DUMP_TRANSACTION, data, &reply);
+    }
+    close(fds[1]);
+    reader.join();
+    fflush(stdout);
+    if (status != OK) {
+        fprintf(stderr, "probemonctl: dump failed: %s (%d)\n", statusName(status), status);
+        return kExitFailed;
+    }
+    return 0;
+}
+
+class Watcher : public BnKestNetworkProbeMonCallback {
+public:
+    explicit Watcher(int32_t reply) : mReply(reply) {}
+
+    int32_t onAutoSelect(std::string iface) override {
+        timeval tv;
+        gettimeofday(&tv, nullptr);
+        tm local;
+        localtime_r(&tv.tv_sec, &local);
+        char when[32];
+        strftime(when, sizeof(when), "%Y-%m-%d %H:%M:%S", &local);
+        std::lock_guard<std::mutex> g(mLock);
+        printf("%s.%03ld onAutoSelect(%s) -> %d\n", when, static_cast<long>(tv.tv_usec / 1000),
+               iface.c_str(), mReply);
+        fflush(stdout);
+        return mReply;
+    }
+
+private:
+    const int32_t mReply;
+    std::mutex mLock;
+};
+
+int runWatch(int32_t reply) {
+    sp<Watcher> watcher = new Watcher(reply);
+    const status_t status = defaultServiceManager()->addService(String16(kCallbackName), watcher);
+    if (status != OK) {
+        fprintf(stderr, "probemonctl: cannot register %s: %s (%d)\n", kCallbackName, statusName(status),
+                status);
+        return kExitFailed;
+    }
+    fprintf(stderr, "probemonctl: serving %s, answering %d\n", kCallbackName, reply);
+    ProcessState::self()->startThreadPool();
+    IPCThreadState::self()->joinThreadPool();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) return usage(nullptr);
+    const std::string cmd = argv[1];
+    const int extra = argc - 2;
+    ProcessState::initWithDriver(kDriver);
+
+    for (const Command& c : kCommands) {
+        if (cmd != c.name) continue;
+        const int wanted = c.argName != nullptr ? 1 : 0;
+        if (extra != wanted) {
+            return usage((cmd + (wanted ? " takes one argument" : " takes no argument")).c_str());
+        }
+        return runCall(c.code, wanted ? argv[2] : nullptr);
+    }
+    if (cmd == "dump") {
+        if (extra != 0) return usage("dump takes no argument");
+        return runDump();
+    }
+    if (cmd == "watch") {
+        long long reply = 0;
+        if (extra == 2 && strcmp(argv[2], "--reply") == 0) {
+            if (!parseInt(argv[3], INT32_MIN, INT32_MAX, &reply)) return usage("--reply takes an int32");
+        } else if (extra != 0) {
+            return usage("watch takes only --reply N");
+        }
+        return runWatch(static_cast<int32_t>(reply));
+    }
+    if (cmd == "call") {
+        long long code = 0;
+        if (extra < 1 || extra > 2) return usage("call takes CODE and an optional STRING");
+        if (!parseInt(argv[2], 0, UINT32_MAX, &code)) return usage("CODE must be an unsigned 32-bit number");
+        return runCall(static_cast<uint32_t>(code), extra == 2 ? argv[3] : nullptr);
+    }
+    return usage(("unknown command " + cmd).c_str());
+}
