@@ -1,0 +1,124 @@
+# Shared by the end-to-end tests and the demo: runs build/bin/probemond in
+# the lab's device namespace with a private binder directory and property
+# file, and drives it with probemonctl. Source it, then call pd_init.
+# Every function expects to run inside the device namespace (lab.sh exec).
+
+pd_init() {
+    PD_ROOT="${PROBEMOND_SOURCE_DIR:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)}"
+    PD_BIN="${PROBEMOND_BUILD_DIR:-$PD_ROOT/build}/bin"
+    PD_LAB="$PD_ROOT/lab/lab.sh"
+    PD_TMP="$(mktemp -d /tmp/probemond-e2e.XXXXXX)"
+    export PROBEMOND_BINDER_DIR="$PD_TMP/binder"
+    export PROBEMOND_PROPERTY_FILE="$PD_TMP/properties"
+    : >"$PROBEMOND_PROPERTY_FILE"
+    PD_LOG="$PD_TMP/probemond.log"
+    PD_DAEMON_PID=""
+    PD_CHILDREN=()
+}
+
+# Stops everything started here and leaves the lab's kernel state as found.
+pd_cleanup() {
+    pd_stop_daemon
+    local pid
+    for pid in "${PD_CHILDREN[@]}"; do kill "$pid" 2>/dev/null; done
+    for pid in "${PD_CHILDREN[@]}"; do wait "$pid" 2>/dev/null; done
+    PD_CHILDREN=()
+    pd_clean_kernel
+    [ -n "${PD_TMP:-}" ] && rm -rf "$PD_TMP"
+    PD_TMP=""
+}
+
+pd_clean_kernel() {
+    local t c prio
+    for t in mangle nat; do
+        while iptables-legacy -t "$t" -D OUTPUT -j kest_probemon_uid 2>/dev/null; do :; done
+        while iptables-legacy -t "$t" -D POSTROUTING -j kest_probemon_snat 2>/dev/null; do :; done
+        for c in $(iptables-legacy -t "$t" -S 2>/dev/null | sed -n 's/^-N \(kest_[a-z0-9_]*\)$/\1/p'); do
+            iptables-legacy -t "$t" -F "$c"
+        done
+        for c in $(iptables-legacy -t "$t" -S 2>/dev/null | sed -n 's/^-N \(kest_[a-z0-9_]*\)$/\1/p'); do
+            iptables-legacy -t "$t" -X "$c"
+        done
+    done
+    for prio in $(seq 29500 100 30400); do
+        while ip -4 rule del prio "$prio" 2>/dev/null; do :; done
+    done
+}
+
+# pd_start_daemon [SYSTEM_BIN]: starts probemond and waits for its service.
+pd_start_daemon() {
+    local sysbin="${1:-${PROBEMOND_SYSTEM_BIN:-$PD_ROOT/lab/wrappers}}"
+    PROBEMOND_SYSTEM_BIN="$sysbin" "$PD_BIN/probemond" 2>>"$PD_LOG" &
+    PD_DAEMON_PID=$!
+    local n
+    for n in $(seq 100); do
+        [ -S "$PROBEMOND_BINDER_DIR/vndbinder/probemond_Binder" ] && return 0
+        kill -0 "$PD_DAEMON_PID" 2>/dev/null || return 1
+        sleep 0.05
+    done
+    return 1
+}
+
+pd_stop_daemon() {
+    [ -n "${PD_DAEMON_PID:-}" ] || return 0
+    kill "$PD_DAEMON_PID" 2>/dev/null
+    wait "$PD_DAEMON_PID" 2>/dev/null
+    PD_DAEMON_PID=""
+    rm -f "$PROBEMOND_BINDER_DIR/vndbinder/probemond_Binder"
+}
+
+pd_ctl() { "$PD_BIN/probemonctl" "$@"; }
+
+# The daemon's log texts, without liblog's prefix; tool output is dropped.
+pd_log_texts() {
+    sed -n 's/^probemond [VDIWEF] [0-9-]* [0-9:.]* *[0-9]* *[0-9]* //p' "$PD_LOG"
+}
+
+# pd_wait_file FILE TEXT SECONDS: waits for a line of FILE containing TEXT.
+pd_wait_file() {
+    local file="$1" text="$2" deadline=$((SECONDS + $3))
+    while [ $SECONDS -le $deadline ]; do
+        grep -qF -- "$text" "$file" 2>/dev/null && return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+pd_wait_log() { pd_wait_file "$PD_LOG" "$1" "$2"; }
+
+# pd_bg NAME CMD...: runs CMD in the background, output to $PD_TMP/NAME.
+pd_bg() {
+    local name="$1"; shift
+    stdbuf -oL -eL "$@" >"$PD_TMP/$name" 2>&1 &
+    PD_CHILDREN+=($!)
+}
+
+# Traffic as an application UID (setpriv drops to it for one command).
+pd_as_uid() {
+    local uid="$1"; shift
+    setpriv --reuid="$uid" --regid="$uid" --clear-groups "$@"
+}
+
+pd_listen() {  # NAME PORT: a TCP listener on 8.8.8.8 in the internet namespace
+    pd_bg "$1" "$PD_LAB" netexec "$PD_BIN/probemond-lab-peer" listen 8.8.8.8 "$2"
+    pd_wait_file "$PD_TMP/$1" "listening" 10
+}
+
+pd_hold() {  # NAME UID PORT: a TCP connection held open by UID
+    pd_bg "$1" setpriv --reuid="$2" --regid="$2" --clear-groups "$PD_BIN/probemond-lab-peer" hold 8.8.8.8 "$3"
+    pd_wait_file "$PD_TMP/$1" "connected from" 10
+}
+
+# pd_udp_carrier UID COUNT: sends COUNT datagrams as UID; prints the interface
+# whose counter rose by at least COUNT ("none" when no interface did).
+pd_udp_carrier() {
+    local uid="$1" count="$2" i before=() after=() ifaces=(wlan0 wlan1 rmnet_data0 rmnet_data1)
+    for i in "${!ifaces[@]}"; do before[$i]="$("$PD_LAB" counters "${ifaces[$i]}")"; done
+    pd_as_uid "$uid" "$PD_BIN/probemond-lab-peer" udp 8.8.8.8 9 "$count" >/dev/null || { echo "send-failed"; return; }
+    sleep 0.2
+    for i in "${!ifaces[@]}"; do
+        after[$i]="$("$PD_LAB" counters "${ifaces[$i]}")"
+        if [ $((after[i] - before[i])) -ge "$count" ]; then echo "${ifaces[$i]}"; return; fi
+    done
+    echo "none"
+}
