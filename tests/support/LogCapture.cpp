@@ -21,8 +21,11 @@ void captureLogger(const struct __android_logger_data* data, const char* message
 }  // namespace
 
 LogCapture::LogCapture() {
-    std::lock_guard<std::mutex> g(gLock);
-    gLines = new std::vector<LogLine>();
+    {
+        std::lock_guard<std::mutex> g(gLock);
+        gLines = new std::vector<LogLine>();
+    }
+    // Outside gLock: liblog holds its logger lock while it calls captureLogger.
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     __android_log_set_logger(captureLogger);
 }
