@@ -1,0 +1,110 @@
+#!/usr/bin/env bash
+# probemond's main job in the network lab, narrated as a timeline:
+# RTT probes on Wi-Fi and cellular, one app UID steered onto wlan0, then
+# auto-select moving it to rmnet_data0 when Wi-Fi degrades, with the client
+# callback, the traffic moving and the app's open TCP connection destroyed.
+# Exit 0 only when every step was seen. Leaves nothing behind.
+set -u
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+export PROBEMOND_SOURCE_DIR="$ROOT"
+export PROBEMOND_BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
+LAB="$ROOT/lab/lab.sh"
+
+if [ "${1:-}" != "--inside" ]; then
+    [ "$(id -u)" -eq 0 ] || { echo "demo: needs root (network namespaces, raw sockets)" >&2; exit 77; }
+    for b in probemond probemonctl probemond-responder probemond-lab-peer; do
+        [ -x "$PROBEMOND_BUILD_DIR/bin/$b" ] || { echo "demo: $b is not built (./run build)" >&2; exit 2; }
+    done
+    trap '"$LAB" down >/dev/null 2>&1' EXIT
+    trap 'exit 130' INT TERM
+    "$LAB" down >/dev/null 2>&1
+    "$LAB" up >/dev/null || { echo "demo: the lab did not come up" >&2; exit 1; }
+    "$LAB" exec "$ROOT/tools/demo.sh" --inside
+    exit $?
+fi
+
+. "$ROOT/tests/e2e/daemon_lab.sh"
+pd_init
+START=$SECONDS
+MISSED=()
+say() { printf '%6.1fs  %s\n' "$(awk -v s="$(date +%s.%N)" -v t="$T0" 'BEGIN{print s-t}')" "$*"; }
+ok() { say "$1"; }
+miss() { say "MISSING: $1"; MISSED+=("$1"); }
+step() {  # DESCRIPTION COMMAND... : succeeds -> ok, else miss
+    local what="$1"; shift
+    if "$@"; then ok "$what"; else miss "$what"; fi
+}
+cleanup() {
+    pd_cleanup
+}
+trap cleanup EXIT
+T0="$(date +%s.%N)"
+readonly APP=10123
+
+echo "probemond demo (lab ${PROBEMOND_LAB:-probemond}; daemon log in a temp dir, removed at the end)"
+"$PD_LAB" delay wlan0 20
+"$PD_LAB" delay rmnet_data0 40
+say "lab up: responder answers wlan0 after 20 ms, rmnet_data0 after 40 ms"
+
+step "probemond started, service probemond_Binder registered" pd_start_daemon
+[ -n "$PD_DAEMON_PID" ] || exit 1
+
+pd_ctl start-ping wlan0 >/dev/null
+pd_ctl start-ping rmnet_data0 >/dev/null
+say "probemonctl start-ping wlan0, start-ping rmnet_data0"
+sleep 3
+say "rtt wlan0 = $(pd_ctl rtt wlan0) ms, rtt rmnet_data0 = $(pd_ctl rtt rmnet_data0) ms"
+
+pd_ctl add-uid $APP >/dev/null
+pd_ctl add-ip-rule wlan0 >/dev/null
+pd_ctl add-ip-rule rmnet_data0 >/dev/null
+pd_ctl select wlan0 >/dev/null
+say "uid $APP steered (add-uid), policy rules for wlan0 and rmnet_data0, select wlan0"
+step "policy rule: fwmark 0xd0/0xffff -> table rmnet_data0 at priority 29700" \
+    eval 'ip -4 rule show prio 29700 | grep -q "fwmark 0xd0/0xffff lookup rmnet_data0"'
+
+step "TCP listener on 8.8.8.8:7000 in the internet namespace" pd_listen listener 7000
+step "uid $APP holds a TCP connection to it" pd_hold app_tcp $APP 7000
+step "the connection arrived over wlan0 (source 10.77.0.2)" pd_wait_file "$PD_TMP/listener" "accepted 10.77.0.2:" 5
+carrier="$(pd_udp_carrier $APP 200)"
+step "200 datagrams of uid $APP counted on wlan0 (lab counters)" test "$carrier" = wlan0
+
+pd_bg watch "$PD_BIN/probemonctl" watch
+step "probemonctl watch serves NetworkProbeMon_Binder" pd_wait_file "$PD_TMP/watch" "serving" 5
+
+pd_ctl auto-select "wlan0,rmnet_data0," >/dev/null
+say "probemonctl auto-select \"wlan0,rmnet_data0,\""
+step "callback onAutoSelect(wlan0): auto-select starts on the user's choice" \
+    pd_wait_file "$PD_TMP/watch" "onAutoSelect(wlan0)" 5
+sleep 6
+say "medians: $(pd_ctl dump | sed -n 's/^  \(wlan0\|rmnet_data0\) .* mrtt=\([0-9-]*\) .*/\1 \2 ms/p' | paste -sd ',' | sed 's/,/, /')"
+
+"$PD_LAB" delay wlan0 150
+say "wlan0 degrades: responder now answers it after 150 ms"
+step "callback onAutoSelect(rmnet_data0): auto-select switched" \
+    pd_wait_file "$PD_TMP/watch" "onAutoSelect(rmnet_data0)" 40
+step "auto branch jumps to kest_probemon_rmnet_data0" \
+    eval 'iptables-legacy -t mangle -S kest_probemon_iface_auto | grep -q "kest_probemon_rmnet_data0"'
+step "the app's open TCP connection was destroyed" pd_wait_file "$PD_TMP/app_tcp" "closed:" 5
+say "  the app saw: $(sed -n 's/^closed: //p' "$PD_TMP/app_tcp" | head -n 1)"
+carrier="$(pd_udp_carrier $APP 200)"
+step "200 datagrams of uid $APP now counted on rmnet_data0" test "$carrier" = rmnet_data0
+pd_hold app_tcp2 $APP 7000 >/dev/null
+step "the app reconnects over rmnet_data0 (source 10.77.10.2)" \
+    pd_wait_file "$PD_TMP/listener" "accepted 10.77.10.2:" 5
+
+pd_ctl disable-auto-select >/dev/null
+say "probemonctl disable-auto-select"
+step "callback onAutoSelect(): the empty name says auto-select is off" \
+    pd_wait_file "$PD_TMP/watch" "onAutoSelect() ->" 5
+
+say "tear-down: daemon, listener, watcher stopped; chains and rules removed; lab goes down"
+if [ ${#MISSED[@]} -eq 0 ]; then
+    echo "demo: every step seen"
+    exit 0
+fi
+echo "demo: ${#MISSED[@]} step(s) missing:"
+printf '  %s\n' "${MISSED[@]}"
+echo "--- daemon log (last 40 lines) ---"
+tail -n 40 "$PD_LOG"
+exit 1
