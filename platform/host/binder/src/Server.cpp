@@ -69,14 +69,7 @@ void Server::handle(Endpoint* ep) {
         timeval tv{kReplySendTimeoutSec, 0};
         setsockopt(conn.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
         Endpoint* c = new Endpoint{false, std::move(conn), ep->binder, std::string()};
-        {
-            std::lock_guard<std::mutex> g(mLock);
-            mConnections.insert(c);
-        }
-        epoll_event ev{};
-        ev.events = EPOLLIN | EPOLLONESHOT;
-        ev.data.ptr = c;
-        if (epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, c->fd.get(), &ev) != 0) closeConnection(c);
+        if (!arm(c, EPOLL_CTL_ADD)) closeConnection(c);
         return;
     }
 
@@ -101,18 +94,25 @@ void Server::handle(Endpoint* ep) {
             break;
         }
     }
+    if (!arm(ep, EPOLL_CTL_MOD)) closeConnection(ep);
+}
+
+bool Server::arm(Endpoint* ep, int op) {
+    // Under the lock: once armed, another thread may take the connection and free it,
+    // and it must see everything this thread did first.
+    std::lock_guard<std::mutex> g(mLock);
     epoll_event ev{};
     ev.events = EPOLLIN | EPOLLONESHOT;
     ev.data.ptr = ep;
-    if (epoll_ctl(mEpoll.get(), EPOLL_CTL_MOD, ep->fd.get(), &ev) != 0) closeConnection(ep);
+    if (epoll_ctl(mEpoll.get(), op, ep->fd.get(), &ev) != 0) return false;
+    mConnections.insert(ep);
+    return true;
 }
 
 void Server::closeConnection(Endpoint* ep) {
+    std::lock_guard<std::mutex> g(mLock);
     epoll_ctl(mEpoll.get(), EPOLL_CTL_DEL, ep->fd.get(), nullptr);
-    {
-        std::lock_guard<std::mutex> g(mLock);
-        mConnections.erase(ep);
-    }
+    mConnections.erase(ep);
     delete ep;
 }
 

@@ -35,6 +35,7 @@ private:
 
     Server();
     void handle(Endpoint* ep);
+    bool arm(Endpoint* ep, int op);
     void closeConnection(Endpoint* ep);
 
     UniqueFd mEpoll;
