@@ -128,6 +128,8 @@ TEST_F(ServiceTest, EveryOperationLogsItsLineAndPassesTheManagersResultBack) {
     EXPECT_EQ(log_.count("startPingInternal, iface=wlan1"), 2u);
     EXPECT_TRUE(log_.has("getInterfaceRtt ifaceInfo of lo is NULL")) << log_.dump();
     EXPECT_TRUE(sawCommand("ip-wrapper-1.0 -4 rule add fwmark 0xa0/0xffff table wlan0 prio 29500"));
+    // wlan1 may have begun a probe in between; let it finish before exit.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
 }
 
 TEST_F(ServiceTest, DelUidLogsOnlyItsNameWhileAddUidLogsTheUid) {
@@ -201,6 +203,11 @@ TEST_F(ServiceTest, DumpShowsInterfacesSelectionsAndSteeredUids) {
     EXPECT_TRUE(contains(text, "userSelectIface: rmnet_data0\n")) << text;
     EXPECT_TRUE(contains(text, "autoSelectIface: (none)\n")) << text;
     EXPECT_TRUE(contains(text, "steered uids (2): 10123 10124\n")) << text;
+
+    // Workers outlive the test; one still probing while the process exits
+    // would log through liblog after its statics are gone.
+    svc->stopAllPingInternal();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
 }
 
 TEST_F(ServiceTest, DumpAnswersWhileSelectionAndFirewallMutexesAreHeld) {
