@@ -1,0 +1,73 @@
+// The interface manager's seams: the probe, the sleeper, the client callback
+// and the firewall/routing calls. Each has a real default; tests hand in
+// doubles when they build a manager of their own.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+struct InterfaceInfo;
+
+namespace probemond::ifaces {
+
+// One RTT measurement; each ping worker owns its own prober.
+class RttProber {
+public:
+    virtual ~RttProber() = default;
+    // Returns the RTT in ms, or the ping timeout when nothing answered.
+    virtual int32_t ping(const char* iface, const char* server) = 0;
+};
+
+class RttProberFactory {
+public:
+    virtual ~RttProberFactory() = default;
+    // Called once on the worker's own thread when it starts.
+    virtual std::unique_ptr<RttProber> create(const InterfaceInfo& info) = 0;
+};
+
+class Sleeper {
+public:
+    virtual ~Sleeper() = default;
+    virtual void sleepUs(uint32_t us) = 0;
+};
+
+// Tells the client which interface auto-select steers to ("" when it stops).
+class AutoSelectNotifier {
+public:
+    virtual ~AutoSelectNotifier() = default;
+    virtual int32_t notify(const std::string& iface) = 0;
+};
+
+// The firewall and policy-rule operations the manager drives.
+class SteeringControl {
+public:
+    virtual ~SteeringControl() = default;
+    virtual void initMangleRules(const char* iface, const char* mark) = 0;
+    virtual void initNatRules(const char* iface) = 0;
+    virtual int32_t selectIface(const char* iface, bool killSockets) = 0;
+    virtual void enableAutoSelect(const char* iface) = 0;
+    virtual void disableAutoSelect() = 0;
+    virtual void killUidSocket() = 0;
+    virtual int32_t addIpRule(const char* table, const char* fwmark, const char* prio) = 0;
+    virtual int32_t delIpRule(const char* prio) = 0;
+};
+
+// The shipping implementations: Ping, usleep,
+// IKestNetworkProbeMonCallback::notify, IptablesRuleManager/IpRuleManager.
+RttProberFactory& defaultProberFactory();
+Sleeper& defaultSleeper();
+AutoSelectNotifier& defaultNotifier();
+SteeringControl& defaultSteering();
+
+// What a manager is built with; a null member means the default.
+struct InterfaceManagerSeams {
+    RttProberFactory* probers = nullptr;
+    Sleeper* sleeper = nullptr;
+    AutoSelectNotifier* notifier = nullptr;
+    SteeringControl* steering = nullptr;
+    // Whether start-up creates the ten ping worker threads.
+    bool startWorkers = true;
+};
+
+}  // namespace probemond::ifaces
