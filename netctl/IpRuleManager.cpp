@@ -29,11 +29,11 @@ IpRuleManager* IpRuleManager::instance() {
 void IpRuleManager::resetForTest() {
     // A test may leave the mutex held on purpose; destroying it then is not allowed.
     static std::mutex retiredLock;
-    static std::vector<IpRuleManager*> retired;
+    static auto* retired = new std::vector<IpRuleManager*>();  // never destroyed: outlives exit-time leak checks
     IpRuleManager* old = sInstance.exchange(nullptr);
     if (old == nullptr) return;
     std::lock_guard<std::mutex> g(retiredLock);
-    retired.push_back(old);
+    retired->push_back(old);
 }
 
 int32_t IpRuleManager::addIpRule(const char* table, const char* fwmark, const char* prio) {

@@ -76,11 +76,11 @@ IptablesRuleManager* IptablesRuleManager::instance() {
 void IptablesRuleManager::resetForTest() {
     // A test may leave the mutex held on purpose; destroying it then is not allowed.
     static std::mutex retiredLock;
-    static std::vector<IptablesRuleManager*> retired;
+    static auto* retired = new std::vector<IptablesRuleManager*>();  // never destroyed: outlives exit-time leak checks
     IptablesRuleManager* old = sInstance.exchange(nullptr);
     if (old == nullptr) return;
     std::lock_guard<std::mutex> g(retiredLock);
-    retired.push_back(old);
+    retired->push_back(old);
 }
 
 bool IptablesRuleManager::mutexHeldForTest() {
