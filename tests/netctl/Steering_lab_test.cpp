@@ -68,7 +68,8 @@ protected:
     }
     void TearDown() override {
         // Leave the shared lab as found: no jumps, chains or rule of ours.
-        capture("iptables-legacy -t mangle -F OUTPUT; iptables-legacy -t nat -F POSTROUTING;"
+        capture("while iptables-legacy -t mangle -D OUTPUT -j kest_probemon_uid 2>/dev/null; do :; done;"
+                "while iptables-legacy -t nat -D POSTROUTING -j kest_probemon_snat 2>/dev/null; do :; done;"
                 "for t in mangle nat; do iptables-legacy -t $t -S | sed -n 's/^-N \\(kest_[a-z0-9_]*\\)$/\\1/p' |"
                 " while read c; do iptables-legacy -t $t -F $c; done;"
                 " iptables-legacy -t $t -S | sed -n 's/^-N \\(kest_[a-z0-9_]*\\)$/\\1/p' |"
