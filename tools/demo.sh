@@ -84,7 +84,7 @@ say "wlan0 degrades: responder now answers it after 150 ms"
 step "callback onAutoSelect(rmnet_data0): auto-select switched" \
     pd_wait_file "$PD_TMP/watch" "onAutoSelect(rmnet_data0)" 40
 step "auto branch jumps to kest_probemon_rmnet_data0" \
-    eval 'iptables-legacy -t mangle -S kest_probemon_iface_auto | grep -q "kest_probemon_rmnet_data0"'
+    pd_wait_true 5 pd_auto_branch_is kest_probemon_rmnet_data0
 step "the app's open TCP connection was destroyed" pd_wait_file "$PD_TMP/app_tcp" "closed:" 5
 say "  the app saw: $(sed -n 's/^closed: //p' "$PD_TMP/app_tcp" | head -n 1)"
 carrier="$(pd_udp_carrier $APP 200)"

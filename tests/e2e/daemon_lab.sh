@@ -89,7 +89,9 @@ pd_wait_log() { pd_wait_file "$PD_LOG" "$1" "$2"; }
 # pd_bg NAME CMD...: runs CMD in the background, output to $PD_TMP/NAME.
 pd_bg() {
     local name="$1"; shift
-    stdbuf -oL -eL "$@" >"$PD_TMP/$name" 2>&1 &
+    # No stdbuf: its preload clashes with sanitizer runtimes; the programs
+    # started here flush their own lines.
+    "$@" >"$PD_TMP/$name" 2>&1 &
     PD_CHILDREN+=($!)
 }
 
@@ -122,3 +124,19 @@ pd_udp_carrier() {
     done
     echo "none"
 }
+
+# pd_wait_true SECONDS CMD...: polls CMD until it succeeds.
+pd_wait_true() {
+    local deadline=$((SECONDS + $1)); shift
+    while [ $SECONDS -le $deadline ]; do
+        "$@" && return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+# The auto branch's jump target, or nothing.
+pd_auto_branch() {
+    iptables-legacy -t mangle -S kest_probemon_iface_auto 2>/dev/null | sed -n 's/^-A kest_probemon_iface_auto -j //p'
+}
+pd_auto_branch_is() { [ "$(pd_auto_branch)" = "$1" ]; }

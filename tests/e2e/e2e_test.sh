@@ -215,8 +215,9 @@ case_auto() {
 
     "$PD_LAB" delay wlan0 150
     pd_wait_file "$PD_TMP/watch" "onAutoSelect(rmnet_data0)" 30 || { fail "no switch to rmnet_data0"; return; }
-    iptables-legacy -t mangle -S kest_probemon_iface_auto | grep -q -- "-j kest_probemon_rmnet_data0" ||
-        fail "auto branch does not jump to rmnet_data0"
+    # The client hears of the switch before the firewall follows.
+    pd_wait_true 5 pd_auto_branch_is kest_probemon_rmnet_data0 ||
+        fail "auto branch does not jump to rmnet_data0: '$(pd_auto_branch)'"
     pd_wait_file "$PD_TMP/conn1" "closed:" 5 || fail "open TCP connection survived the switch"
     expect_eq "carrier after the switch" rmnet_data0 "$(pd_udp_carrier $UID_APP 200)"
 
