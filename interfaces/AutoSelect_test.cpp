@@ -137,17 +137,6 @@ TEST(Decision, ShortHistoryIsExplainedOnlyWhenDebugging) {
         << log.dump();
 }
 
-TEST(Decision, BestLookupReturnsTheRegistryRecord) {
-    TempPropertyFile props;
-    FakeManager fake;
-    EXPECT_EQ(nullptr, fake->getCurrBestIfaceInfo({}));
-    fake.info("wlan0").mrtt = 7;
-    fake.info("wlan1").mrtt = 7;
-    EXPECT_EQ(&fake.info("wlan0"), fake->getCurrBestIfaceInfo({&fake.info("wlan0"), &fake.info("wlan1")}));
-    fake.info("wlan1").mrtt = 6;
-    EXPECT_EQ(&fake.info("wlan1"), fake->getCurrBestIfaceInfo({&fake.info("wlan0"), &fake.info("wlan1")}));
-}
-
 // ---- the candidate list ----
 
 TEST(EnableList, CommaTerminatedReversedAndUnknownSkipped) {
