@@ -12,13 +12,17 @@
 
 using namespace probemond::test;
 
+// The workers outlive the test; so do the properties they read. Global, so
+// that leak checkers see them as reachable.
+TempPropertyFile* gInstanceProps = nullptr;
+RecordingCommandExecutor* gInstanceCommands = nullptr;
+
 namespace {
 
 TEST(Instance, BuiltOnceWithIdleWorkers) {
-    // The workers outlive the test; so do the properties they read.
-    static auto* props = new TempPropertyFile;
-    (void)props;
-    static auto* commands = new RecordingCommandExecutor;
+    gInstanceProps = new TempPropertyFile;
+    gInstanceCommands = new RecordingCommandExecutor;
+    RecordingCommandExecutor* commands = gInstanceCommands;
     IptablesRuleManager::instance();
     IpRuleManager::instance();
     commands->clear();
