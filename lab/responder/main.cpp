@@ -323,14 +323,14 @@ void Responder::sendDue() {
 }
 
 void Responder::armTimer() {
-    itimerspec spec{};
+    itimerspec when{};
     if (!queue_.empty()) {
         // An absolute deadline already past fires at once; 0 would disarm.
         const int64_t due = std::max<int64_t>(queue_.top().dueNs, 1);
-        spec.it_value.tv_sec = due / 1000000000;
-        spec.it_value.tv_nsec = due % 1000000000;
+        when.it_value.tv_sec = due / 1000000000;
+        when.it_value.tv_nsec = due % 1000000000;
     }
-    timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &spec, nullptr);
+    timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
 int Responder::run() {
