@@ -33,3 +33,7 @@ target_link_libraries(android_utils INTERFACE ${ANDROID_LIBUTILS} android_log)
 target_link_options(android_utils INTERFACE "LINKER:-rpath,${ANDROID_LIBDIR}")
 
 find_package(Threads REQUIRED)
+
+# libbase: header-only use (unique_fd), as libbase_headers on a device.
+add_library(android_base INTERFACE)
+target_include_directories(android_base SYSTEM INTERFACE ${ANDROID_INCLUDE_DIR})

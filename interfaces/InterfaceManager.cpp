@@ -1,5 +1,6 @@
 #include "interfaces/InterfaceManager.h"
 
+#include <android-base/unique_fd.h>
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <net/if.h>
@@ -75,19 +76,7 @@ long threadId() { return static_cast<long>(syscall(SYS_gettid)); }
 
 bool startsWithData(const std::string& name) { return name.rfind(kDataPrefix, 0) == 0; }
 
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
+using UniqueFd = android::base::unique_fd;
 
 struct AutoSelectStart {
     InterfaceManager* manager;

@@ -1,5 +1,6 @@
 #include "probe/Ping.h"
 
+#include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <cutils/properties.h>
 #include <log/log.h>
@@ -46,19 +47,7 @@ void refreshDebug() {
 // strerror's buffer is shared between threads; several workers log at once.
 const char* errorText(int err, char* buf, size_t len) { return strerror_r(err, buf, len); }
 
-class SocketFd {
-public:
-    explicit SocketFd(int fd) : fd_(fd) {}
-    ~SocketFd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    SocketFd(const SocketFd&) = delete;
-    SocketFd& operator=(const SocketFd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
+using SocketFd = android::base::unique_fd;
 
 // Waits like select() on one descriptor with a T ms timeout. poll has no
 // FD_SETSIZE ceiling; a negative T fails as select's EINVAL would.

@@ -2,6 +2,7 @@
 // Runs in the lab's internet namespace (entering PATH first when given) and
 // answers ICMP echo requests per ingress interface. The ingress interface
 // "n-<iface>" takes its settings from DIR/ctl/<iface>/{delay,loss,fault}.
+#include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -32,25 +33,7 @@
 
 namespace {
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    // Takes ownership of a raw descriptor, closing the one held before.
-    void reset(int fd) {
-        if (fd_ >= 0) close(fd_);
-        fd_ = fd;
-    }
-    int get() const { return fd_; }
-    bool ok() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
+using Fd = android::base::unique_fd;
 
 FILE* gLog = stderr;
 

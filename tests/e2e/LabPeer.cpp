@@ -3,6 +3,7 @@
 //   probemond-lab-peer hold ADDR PORT      connect, then wait until the connection dies
 //   probemond-lab-peer udp ADDR PORT COUNT send COUNT datagrams
 // The caller picks the UID (setpriv) and the namespace (lab.sh exec/netexec).
+#include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
@@ -18,28 +19,7 @@
 
 namespace {
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Fd(Fd&& o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
-    Fd& operator=(Fd&& o) noexcept {
-        if (this != &o) {
-            if (fd_ >= 0) close(fd_);
-            fd_ = o.fd_;
-            o.fd_ = -1;
-        }
-        return *this;
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
+using Fd = android::base::unique_fd;
 
 bool parseAddr(const char* addr, const char* port, sockaddr_in* out) {
     *out = sockaddr_in{};

@@ -2,6 +2,7 @@
 // namespace so that no socket of the host is ever touched.
 #include "netctl/SockDiag.h"
 
+#include <android-base/unique_fd.h>
 #include <android/log.h>
 #include <arpa/inet.h>
 #include <errno.h>
@@ -33,22 +34,7 @@ namespace {
 constexpr uid_t kTarget = 10123;
 constexpr uid_t kBystander = 10124;
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Fd(Fd&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
-    Fd& operator=(Fd&& o) noexcept {
-        std::swap(fd_, o.fd_);
-        return *this;
-    }
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
+using Fd = android::base::unique_fd;
 
 std::string gSkipReason;
 
