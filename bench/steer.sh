@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Steering: how long a manual selection change takes with 1, 10 and 100
+# steered UIDs, each holding 4 open sockets (2 TCP, 2 UDP), and how that
+# splits into socket destruction and firewall commands.
+#   SELECT    `probemonctl select` end to end (rmnet_data0 and wlan0 in turn)
+#   KILL      killUidSockets over the same UIDs and as many sockets, timed in
+#             a process of its own right after the change
+#   CALL      a call that changes nothing (`probemonctl rtt wlan0`): client
+#             start-up and the binder round trip
+#   FIREWALL  SELECT - KILL - CALL: the wrapper commands under the lock
+#   PROBEMOND_BENCH_CHANGES  changes per row (default 6, made even)
+set -u
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+export PROBEMOND_SOURCE_DIR="$ROOT"
+export PROBEMOND_BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
+LAB="$ROOT/lab/lab.sh"
+CHANGES="${PROBEMOND_BENCH_CHANGES:-6}"
+CHANGES=$(( (CHANGES + 1) / 2 * 2 ))  # even: every row starts and ends on wlan0
+
+if [ "${1:-}" != "--inside" ]; then
+    export PROBEMOND_LAB="${PROBEMOND_LAB:-probemond}-bench"
+    [ "$(id -u)" -eq 0 ] || { echo "skipped: the steering benchmark needs root (network lab)"; exit 77; }
+    for b in probemond probemonctl probemond-responder probemond-bench-steer; do
+        [ -x "$PROBEMOND_BUILD_DIR/bin/$b" ] || { echo "bench steer: $b not built (./run build)" >&2; exit 2; }
+    done
+    trap '"$LAB" down >/dev/null 2>&1' EXIT
+    trap 'exit 130' INT TERM
+    "$LAB" down >/dev/null 2>&1
+    "$LAB" up >/dev/null
+    r=$?
+    [ $r -eq 0 ] || exit $r
+    "$LAB" exec bash "$ROOT/bench/steer.sh" --inside
+    exit $?
+fi
+
+. "$ROOT/tests/e2e/daemon_lab.sh"
+pd_init
+trap pd_cleanup EXIT
+trap 'exit 130' INT TERM
+pd_clean_kernel
+readonly BASE=10200 PER=4
+
+die() { echo "bench steer: $*" >&2; exit 1; }
+
+pd_start_daemon || die "the daemon did not start"
+for c in "add-ip-rule wlan0" "add-ip-rule rmnet_data0" "select wlan0"; do
+    pd_ctl $c >/dev/null || die "probemonctl $c failed"
+done
+
+echo "== steer: manual selection change with N steered UIDs, $PER sockets each, median of $CHANGES changes =="
+printf '%5s %8s %10s %10s %10s %12s %s\n' UIDS SOCKETS SELECT-ms KILL-ms CALL-ms FIREWALL-ms ALL-DESTROYED
+added=0
+for n in 1 10 100; do
+    while [ $added -lt $n ]; do
+        pd_ctl add-uid $((BASE + added)) >/dev/null || die "add-uid failed"
+        added=$((added + 1))
+    done
+    "$PD_BIN/probemond-bench-steer" "$PD_BIN/probemonctl" $BASE $n $PER "$CHANGES" || die "the $n-UID row failed"
+done
+echo "A change runs 2 or 3 iptables wrapper commands, then kills each steered UID's sockets (4 dumps per"
+echo "UID: TCP and UDP, IPv4 and IPv6). Socket destruction against ss -K: see the destroy benchmark."
