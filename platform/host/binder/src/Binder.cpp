@@ -55,7 +55,12 @@ status_t BBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply, u
             const int fd = data.readFileDescriptor();
             const int32_t argc = data.readInt32();
             Vector<String16> args;
-            for (int32_t i = 0; i < argc && data.dataAvail() > 0; i++) args.add(data.readString16());
+            for (int32_t i = 0; i < argc && data.dataAvail() > 0; i++) {
+                const size_t before = data.dataPosition();
+                args.add(data.readString16());
+                // A tail too short for a length never advances: a huge argc would spin.
+                if (data.dataPosition() == before) break;
+            }
             return dump(fd, args);
         }
         default:
