@@ -47,10 +47,14 @@ ReplyInfo checkEchoReply(uint8_t* buffer, size_t bufferSize, in_addr destination
     uint16_t seqNet;
     memcpy(&seqNet, msg + 6, sizeof(seqNet));
     info.sequence = ntohs(seqNet);
-    // Unsigned wrap then narrowing keeps the 32-bit arithmetic of the device.
+    // Unsigned wrap then narrowing keeps the 32-bit arithmetic of the device;
+    // subtracting unsigned too, as a stepped clock may put the two far apart.
     info.secondsMs = static_cast<int32_t>(
-            static_cast<uint32_t>(received.tv_sec - sent.tv_sec) * 1000u);
-    info.microsMs = static_cast<int32_t>(received.tv_usec - sent.tv_usec) / 1000;
+            static_cast<uint32_t>(static_cast<uint64_t>(received.tv_sec) - static_cast<uint64_t>(sent.tv_sec)) *
+            1000u);
+    info.microsMs =
+            static_cast<int32_t>(static_cast<uint64_t>(received.tv_usec) - static_cast<uint64_t>(sent.tv_usec)) /
+            1000;
     info.rtt = static_cast<int32_t>(static_cast<uint32_t>(info.secondsMs) +
                                     static_cast<uint32_t>(info.microsMs));
 

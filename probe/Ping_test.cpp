@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -166,6 +168,19 @@ TEST(IcmpReply, RttOfZeroOrLessIsNotAReply) {
     info = back.check(7, timeval{999, 900000});  // clock stepped back
     EXPECT_EQ(icmp::Verdict::kRttNotPositive, info.verdict);
     EXPECT_EQ(-600, info.rtt);
+}
+
+TEST(IcmpReply, ClocksAtOppositeEndsWrapInsteadOfOverflowing) {
+    Reply r;
+    r.sent = timeval{INT64_MIN, 0};
+    // The difference wraps to -1 s, as the 32-bit arithmetic would have it.
+    auto info = r.check(7, timeval{INT64_MAX, 0});
+    EXPECT_EQ(-1000, info.secondsMs);
+    EXPECT_EQ(icmp::Verdict::kRttNotPositive, info.verdict);
+
+    r.sent = timeval{0, LONG_MIN};
+    info = r.check(7, timeval{0, LONG_MAX});
+    EXPECT_EQ(0, info.microsMs);  // -1 us
 }
 
 TEST(IcmpReply, RefusesBufferTooSmallForWorstCase) {
