@@ -1,0 +1,119 @@
+// Any transaction, any parcel bytes, through the service stub. The service
+// behind it only records what the stub decoded, so every checked property is
+// about the stub: which method ran, with what, and what went back.
+#include <cstring>
+#include <string>
+
+#include <binder/IBinder.h>
+#include <binder/Parcel.h>
+
+#include "daemon/IKestNetworkProbeMon.h"
+#include "fuzz/FuzzCommon.h"
+
+using namespace android;
+
+namespace {
+
+class RecordingService : public BnKestNetworkProbeMon {
+public:
+    int calls = 0;
+    uint32_t lastCode = 0;
+    std::string lastArg;
+    int32_t rtt = 0;
+
+    int32_t startPingInternal(std::string a) override { return note(START_PING, a); }
+    int32_t stopPingInternal(std::string a) override { return note(STOP_PING, a); }
+    int32_t stopAllPingInternal() override { return note(STOP_ALL_PING, {}); }
+    int32_t suspendAllPingInternal() override { return note(SUSPEND_ALL_PING, {}); }
+    int32_t resumeAllPingInternal() override { return note(RESUME_ALL_PING, {}); }
+    int32_t getRttInternal(std::string a) override {
+        note(GET_RTT, a);
+        return rtt;
+    }
+    int32_t addUidInternal(std::string a) override { return note(ADD_UID, a); }
+    int32_t delUidInternal(std::string a) override { return note(DEL_UID, a); }
+    int32_t addIpRuleInternal(std::string a) override { return note(ADD_IP_RULE, a); }
+    int32_t delIpRuleInternal(std::string a) override { return note(DEL_IP_RULE, a); }
+    int32_t selectInterfaceInternal(std::string a) override { return note(SELECT_INTERFACE, a); }
+    int32_t enableAutoSelectInternal(std::string a) override { return note(ENABLE_AUTO_SELECT, a); }
+    int32_t disableAutoSelectInternal() override { return note(DISABLE_AUTO_SELECT, {}); }
+
+private:
+    // Nonzero so a stub that forwarded these results would be caught.
+    int32_t note(uint32_t code, const std::string& arg) {
+        calls++;
+        lastCode = code;
+        lastArg = arg;
+        return 0x5a5a;
+    }
+};
+
+const uint32_t kPlatformCodes[] = {
+        IBinder::PING_TRANSACTION,      IBinder::DUMP_TRANSACTION,
+        IBinder::INTERFACE_TRANSACTION, IBinder::DEBUG_PID_TRANSACTION,
+        IBinder::SHELL_COMMAND_TRANSACTION, IBinder::LAST_CALL_TRANSACTION,
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    probemond::fuzz::quietLogs();
+    return 0;
+}
+
+// Byte 0 picks the code: 0..15 as is (the thirteen calls and both sides of
+// them), 16.. a platform code, 0xFF the next four bytes raw. Byte 1: bit 0
+// one-way, bit 1 no reply parcel, bits 2.. the RTT the service reports.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 2) return 0;
+    uint32_t code;
+    size_t used = 2;
+    if (data[0] < 16) {
+        code = data[0];
+    } else if (data[0] < 0xFF) {
+        code = kPlatformCodes[data[0] % (sizeof(kPlatformCodes) / sizeof(kPlatformCodes[0]))];
+    } else {
+        if (size < 6) return 0;
+        memcpy(&code, data + 2, sizeof(code));
+        used = 6;
+    }
+    const uint32_t flags = data[1] & IBinder::FLAG_ONEWAY;
+    const bool withReply = (data[1] & 2) == 0;
+
+    sp<RecordingService> service = new RecordingService();
+    service->rtt = static_cast<int32_t>(data[1] >> 2) - 1;
+    Parcel parcel;
+    FUZZ_CHECK(parcel.setData(data + used, size - used) == OK);
+    Parcel reply;
+    const status_t status = service->transact(code, parcel, withReply ? &reply : nullptr, flags);
+
+    const bool ours = code >= IKestNetworkProbeMon::START_PING && code <= IKestNetworkProbeMon::DISABLE_AUTO_SELECT;
+    if (!ours) {
+        FUZZ_CHECK(service->calls == 0);
+        return 0;
+    }
+    if (status != OK) {
+        // Only a missing argument refuses a call, and then nothing ran.
+        FUZZ_CHECK(status == BAD_VALUE && IKestNetworkProbeMon::takesArgument(code));
+        FUZZ_CHECK(service->calls == 0);
+        FUZZ_CHECK(reply.dataSize() == 0);
+        return 0;
+    }
+    FUZZ_CHECK(service->calls == 1);
+    FUZZ_CHECK(service->lastCode == code);
+    if (!IKestNetworkProbeMon::takesArgument(code)) FUZZ_CHECK(service->lastArg.empty());
+    // The argument is a C string taken from the parcel: it fits in it, no NUL inside.
+    FUZZ_CHECK(service->lastArg.size() < size);
+    FUZZ_CHECK(memchr(service->lastArg.data(), 0, service->lastArg.size()) == nullptr);
+    if (!service->lastArg.empty()) {
+        const std::string body(reinterpret_cast<const char*>(data + used), size - used);
+        FUZZ_CHECK(body.find(service->lastArg) != std::string::npos);
+    }
+    if (withReply) {
+        FUZZ_CHECK(reply.dataSize() == sizeof(int32_t));
+        reply.setDataPosition(0);
+        const int32_t result = reply.readInt32();
+        FUZZ_CHECK(result == (code == IKestNetworkProbeMon::GET_RTT ? service->rtt : 0));
+    }
+    return 0;
+}
