@@ -10,6 +10,7 @@
 #   lab.sh loss IFACE PERCENT     drop PERCENT % of echo requests on IFACE
 #   lab.sh fault IFACE MODE|off   misbehave on IFACE (see usage)
 #   lab.sh counters [IFACE]       packets the device sent over IFACE
+#   lab.sh relink IFACE           re-create IFACE after a test deleted it
 #
 # PROBEMOND_LAB (default "probemond") names the lab; labs with different
 # names are independent. PROBEMOND_BUILD_DIR (default <repo>/build) is where
@@ -289,6 +290,13 @@ cmd_counters() {
     for i in "${IFACES[@]}"; do printf '%s %s\n' "$i" "$(counter "$i")"; done
 }
 
+cmd_relink() {
+    require_root
+    need_iface "${1:-}"
+    lock
+    setup_iface "$1" || die "cannot set up $1"
+}
+
 cmd_exec() {
     [ $# -gt 0 ] || die "exec: command expected"
     require_root
@@ -321,6 +329,7 @@ usage: lab.sh COMMAND [ARGS]   (lab "$NAME"; set PROBEMOND_LAB for another)
                            foreign-source and unreachable take "+reply" (the bad
                            packet after the delay, the real reply one delay later)
   counters [IFACE]         packets received from IFACE on the internet side
+  relink IFACE             re-create IFACE (and its peer) as "up" made it
 U
 }
 
@@ -335,6 +344,7 @@ case "$sub" in
     loss) cmd_loss "$@" ;;
     fault) cmd_fault "$@" ;;
     counters) cmd_counters "$@" ;;
+    relink) cmd_relink "$@" ;;
     -h|--help|help|"") usage ;;
     *) usage >&2; exit 2 ;;
 esac
