@@ -4,6 +4,7 @@
 //   probemond-bench-flow send ADDR PORT MS      send a datagram every MS ms, for ever
 // The sender's socket is destroyed at every switch; it opens a new one and
 // goes on, as an application would.
+#include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <errno.h>
 #include <net/if.h>
@@ -20,23 +21,7 @@
 
 namespace {
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) close(fd_);
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
+using android::base::unique_fd;
 
 bool parseAddr(const char* addr, const char* port, sockaddr_in* out) {
     *out = sockaddr_in{};
@@ -55,7 +40,7 @@ int64_t nowNs() {
 }
 
 int listenMode(const sockaddr_in& at) {
-    Fd s(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    unique_fd s(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int one = 1;
     if (s.get() < 0 || setsockopt(s.get(), IPPROTO_IP, IP_PKTINFO, &one, sizeof one) != 0 ||
         bind(s.get(), reinterpret_cast<const sockaddr*>(&at), sizeof at) != 0) {
@@ -100,7 +85,7 @@ int listenMode(const sockaddr_in& at) {
 int sendMode(const sockaddr_in& to, const char* msText) {
     const long ms = atol(msText);
     if (ms <= 0) return 2;
-    Fd s;
+    unique_fd s;
     const timespec pause{ms / 1000, (ms % 1000) * 1000000};
     for (;;) {
         if (s.get() < 0) s.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));

@@ -50,6 +50,15 @@ ticks() {  # PIDS -> utime+stime summed, in clock ticks
     echo "$sum"
 }
 
+runtime_ms() {  # PIDS -> scheduler run time of their live threads, in ms (finer than ticks)
+    local pid tid
+    for pid in "$@"; do
+        for tid in $(ls "/proc/$pid/task"); do
+            awk '$1 == "se.sum_exec_runtime" { print $3 }' "/proc/$tid/sched" 2>/dev/null
+        done
+    done | awk '{ s += $1 } END { printf "%.3f\n", s }'
+}
+
 status_kib() {  # FIELD PIDS -> the /proc/PID/status field summed, in KiB
     local field="$1" pid sum=0 v
     shift
@@ -69,27 +78,29 @@ threads() {
 PEAK_NOTE=""
 # row LABEL PIDS...: measures the processes over the window and prints a row.
 row() {
-    local label="$1" pid t0 t1 s0 s1
+    local label="$1" pid t0 t1 s0 s1 r0 r1
     shift
     for pid in "$@"; do
         # 5 resets the peak to the current RSS; older kernels lack it.
         echo 5 >"/proc/$pid/clear_refs" 2>/dev/null || PEAK_NOTE="(peak since process start: clear_refs refused)"
     done
     t0="$(ticks "$@")" || return 1
+    r0="$(runtime_ms "$@")"
     s0="$(date +%s%N)"
     sleep "$WINDOW"
     t1="$(ticks "$@")" || { echo "bench footprint: a process of '$label' ended" >&2; return 1; }
+    r1="$(runtime_ms "$@")"
     s1="$(date +%s%N)"
-    awk -v l="$label" -v n="$#" -v dt="$((t1 - t0))" -v hz="$HZ" -v ns="$((s1 - s0))" \
+    awk -v l="$label" -v n="$#" -v dt="$((t1 - t0))" -v hz="$HZ" -v ns="$((s1 - s0))" -v rt="$(awk -v a="$r0" -v b="$r1" 'BEGIN { print b - a }')" \
         -v hwm="$(status_kib VmHWM "$@")" -v rss="$(status_kib VmRSS "$@")" -v th="$(threads "$@")" \
-        'BEGIN { printf "%-32s %5d %7d %10.3f %13.2f %12.2f\n", l, n, th, 100 * (dt / hz) / (ns / 1e9),
-                 hwm / 1024, rss / 1024 }'
+        'BEGIN { printf "%-32s %5d %7d %10.3f %10.4f %13.2f %12.2f\n", l, n, th, 100 * (dt / hz) / (ns / 1e9),
+                 100 * (rt / 1e3) / (ns / 1e9), hwm / 1024, rss / 1024 }'
 }
 
 for i in "${IFACES[@]}"; do "$PD_LAB" delay "$i" 20; "$PD_LAB" loss "$i" 0; "$PD_LAB" fault "$i" off; done
 
 echo "== footprint: CPU and memory over ${WINDOW} s per row (responder delay 20 ms on every link) =="
-printf '%-32s %5s %7s %10s %13s %12s\n' ROW PROCS THREADS CPU-%core PEAK-RSS-MiB RSS-MiB
+printf '%-32s %5s %7s %10s %10s %13s %12s\n' ROW PROCS THREADS CPU-%core RUN-%core PEAK-RSS-MiB RSS-MiB
 pd_start_daemon || { echo "bench footprint: the daemon did not start" >&2; exit 1; }
 DAEMON="$PD_DAEMON_PID"
 sleep 2
@@ -115,6 +126,9 @@ done
 sleep 2
 row "10 x iputils ping -i 1 -I IFACE" "${pings[@]}" || exit 1
 
-echo "CPU counts the process's threads, not the wrapper commands it starts; ${HZ} ticks/s, so one"
-echo "tick is $(awk -v w="$WINDOW" -v hz="$HZ" 'BEGIN { printf "%.3f", 100 / hz / w }') % of one core over this window. $PEAK_NOTE"
+echo "CPU-%core: utime+stime from /proc/PID/stat at ${HZ} ticks/s (one tick is $(awk -v w="$WINDOW" -v hz="$HZ" \
+    'BEGIN { printf "%.3f", 100 / hz / w }') % of one core"
+echo "over this window); RUN-%core: the scheduler's run time (se.sum_exec_runtime) of the live threads."
+echo "Both count the process's own threads, not the wrapper commands it starts. PEAK-RSS: VmHWM over the"
+echo "window; RSS: VmRSS at its end. $PEAK_NOTE"
 echo "targets (reported, not asserted): idle under 0.1 % of one core and under 8 MiB peak RSS"

@@ -6,6 +6,7 @@
 // destroyed sockets, times killUidSockets over the same UIDs in this process,
 // and times a call that changes nothing (`probemonctl rtt wlan0`).
 // Prints: UIDS SOCKETS SELECT KILL CALL FIREWALL (medians, ms) DESTROYED-OK
+#include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -31,25 +32,26 @@ extern char** environ;
 
 namespace {
 
+using android::base::unique_fd;
+
 struct Slot {
     uid_t uid = 0;
     bool tcp = false;
-    int fd = -1;
-    int accepted = -1;
+    unique_fd fd;
+    unique_fd accepted;
 };
 
-int gListener = -1;
+unique_fd gListener;
 sockaddr_in gListenAddr{};
 
 void closeSlot(Slot& s) {
-    if (s.fd >= 0) close(s.fd);
-    if (s.accepted >= 0) close(s.accepted);
-    s.fd = s.accepted = -1;
+    s.fd.reset();
+    s.accepted.reset();
 }
 
 bool openSlot(Slot& s) {
     setfsuid(s.uid);  // the socket belongs to the file-system UID that created it
-    s.fd = socket(AF_INET, (s.tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
+    s.fd.reset(socket(AF_INET, (s.tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0));
     setfsuid(0);
     if (s.fd < 0) return false;
     if (!s.tcp) {
@@ -60,7 +62,7 @@ bool openSlot(Slot& s) {
         return connect(s.fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0;
     }
     if (connect(s.fd, reinterpret_cast<sockaddr*>(&gListenAddr), sizeof gListenAddr) != 0) return false;
-    s.accepted = accept4(gListener, nullptr, nullptr, SOCK_CLOEXEC);
+    s.accepted.reset(accept4(gListener, nullptr, nullptr, SOCK_CLOEXEC));
     return s.accepted >= 0;
 }
 
@@ -124,7 +126,7 @@ int main(int argc, char** argv) {
     // The kills log one summary line per UID; the table is the output here.
     __android_log_set_minimum_priority(ANDROID_LOG_WARN);
 
-    gListener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    gListener.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     gListenAddr.sin_family = AF_INET;
     inet_pton(AF_INET, "127.0.0.1", &gListenAddr.sin_addr);
     socklen_t len = sizeof gListenAddr;
@@ -135,7 +137,11 @@ int main(int argc, char** argv) {
     }
     std::vector<Slot> slots;
     for (int u = 0; u < uids; ++u)
-        for (int k = 0; k < per; ++k) slots.push_back(Slot{base + static_cast<uid_t>(u), k % 2 == 0, -1, -1});
+        for (int k = 0; k < per; ++k) {
+            slots.emplace_back();
+            slots.back().uid = base + static_cast<uid_t>(u);
+            slots.back().tcp = k % 2 == 0;
+        }
     bool ok = true;
     reopen(slots, &ok);
     if (!ok) {
@@ -171,7 +177,5 @@ int main(int argc, char** argv) {
     }
     printf("%5d %8zu %10.1f %10.1f %10.1f %12.1f %s\n", uids, slots.size(), median(select), median(kill),
            median(call), median(firewall), allDestroyed ? "yes" : "NO");
-    for (Slot& s : slots) closeSlot(s);
-    close(gListener);
     return allDestroyed ? 0 : 1;
 }
