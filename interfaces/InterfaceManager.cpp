@@ -19,7 +19,7 @@
 #define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, nullptr, __VA_ARGS__)
 #define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, nullptr, __VA_ARGS__)
 
-using probemond::ifaces::ShortLockGuard;
+using probemond::MutexLock;
 
 namespace probemond::ifaces {
 
@@ -88,24 +88,24 @@ struct AutoSelectStart {
 // ---- InterfaceInfo history ----
 
 std::vector<int32_t> InterfaceInfo::addRtt(int32_t value) {
-    ShortLockGuard g(historyLock_);
+    MutexLock g(historyLock_);
     if (rttHistory.size() >= kMaxRttHistory) rttHistory.pop_front();
     rttHistory.push_back(value);
     return std::vector<int32_t>(rttHistory.begin(), rttHistory.end());
 }
 
 void InterfaceInfo::clearRttHistory() {
-    ShortLockGuard g(historyLock_);
+    MutexLock g(historyLock_);
     rttHistory.clear();
 }
 
 size_t InterfaceInfo::rttHistorySize() const {
-    ShortLockGuard g(historyLock_);
+    MutexLock g(historyLock_);
     return rttHistory.size();
 }
 
 std::vector<int32_t> InterfaceInfo::rttHistorySnapshot() const {
-    ShortLockGuard g(historyLock_);
+    MutexLock g(historyLock_);
     return std::vector<int32_t>(rttHistory.begin(), rttHistory.end());
 }
 
@@ -214,24 +214,24 @@ bool InterfaceManager::isUserSelectData() { return startsWithData(userSelectIfac
 bool InterfaceManager::isAutoSelectData() { return startsWithData(autoSelectIfaceCopy()); }
 
 std::string InterfaceManager::userSelectIfaceCopy() const {
-    ShortLockGuard g(selectionLock_);
+    MutexLock g(selectionLock_);
     return userSelectIface;
 }
 
 std::string InterfaceManager::autoSelectIfaceCopy() const {
-    ShortLockGuard g(selectionLock_);
+    MutexLock g(selectionLock_);
     return autoSelectIface;
 }
 
 void InterfaceManager::setAutoSelectIface(const std::string& name) {
-    ShortLockGuard g(selectionLock_);
+    MutexLock g(selectionLock_);
     autoSelectIface = name;
 }
 
 InterfaceManagerSnapshot InterfaceManager::snapshot() const {
     InterfaceManagerSnapshot s;
     {
-        ShortLockGuard g(selectionLock_);
+        MutexLock g(selectionLock_);
         s.userSelectIface = userSelectIface;
         s.autoSelectIface = autoSelectIface;
     }
@@ -391,7 +391,7 @@ int32_t InterfaceManager::selectInterface(const char* iface) {
              curr->name.c_str(), 1);
     }
     {
-        ShortLockGuard g(selectionLock_);
+        MutexLock g(selectionLock_);
         userSelectIface = curr->name;
     }
     // The first selection moves no open sockets; later ones reset them.

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "interfaces/InterfaceSeams.h"
-#include "interfaces/ThreadAnnotations.h"
+#include "common/ThreadAnnotations.h"
 
 class InterfaceManager;
 
@@ -77,7 +77,7 @@ struct InterfaceInfo {
     std::vector<int32_t> rttHistorySnapshot() const;
 
 private:
-    mutable probemond::ifaces::ShortLock historyLock_;
+    mutable probemond::Mutex historyLock_;
     std::deque<int32_t> rttHistory PM_GUARDED_BY(historyLock_);
 };
 
@@ -173,12 +173,12 @@ private:
 
     friend class InterfaceManagerTestPeer;
 
-    mutable probemond::ifaces::ShortLock selectionLock_;
+    mutable probemond::Mutex selectionLock_;
     std::string userSelectIface PM_GUARDED_BY(selectionLock_);
     std::string autoSelectIface PM_GUARDED_BY(selectionLock_);
 
     // Taken by selection and auto-select; some paths leave it held on purpose.
-    probemond::ifaces::PosixMutex ifaceMutex;
+    probemond::PosixMutex ifaceMutex;
     std::vector<InterfaceInfo*> autoSelectIfaces PM_GUARDED_BY(ifaceMutex);
 
     probemond::ifaces::RttProberFactory* probers_;

@@ -37,7 +37,7 @@ void IpRuleManager::resetForTest() {
 }
 
 int32_t IpRuleManager::addIpRule(const char* table, const char* fwmark, const char* prio) {
-    probemond::netctl::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mMutex);
     char cmd[kCommandSize];
     memset(cmd, 0, sizeof(cmd));
     formatBounded(cmd, sizeof(cmd), "/system/bin/ip-wrapper-1.0 -4 rule del prio %s", prio);
@@ -56,7 +56,7 @@ int32_t IpRuleManager::addIpRule(const char* table, const char* fwmark, const ch
 }
 
 int32_t IpRuleManager::delIpRule(const char* prio) {
-    probemond::netctl::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mMutex);
     char cmd[kCommandSize];
     memset(cmd, 0, sizeof(cmd));
     formatBounded(cmd, sizeof(cmd), "/system/bin/ip-wrapper-1.0 -4 rule del prio %s", prio);

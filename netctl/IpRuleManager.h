@@ -4,16 +4,16 @@
 
 #include <cstdint>
 
-#include "netctl/ThreadAnnotations.h"
+#include "common/ThreadAnnotations.h"
 
 class IpRuleManager {
 public:
     static IpRuleManager* instance();
 
     // 0 when the add command could be started, -1 otherwise.
-    int32_t addIpRule(const char* table, const char* fwmark, const char* prio) NETCTL_EXCLUDES(mMutex);
+    int32_t addIpRule(const char* table, const char* fwmark, const char* prio) PM_EXCLUDES(mMutex);
     // 0 when the delete command could be started, -1 otherwise.
-    int32_t delIpRule(const char* prio) NETCTL_EXCLUDES(mMutex);
+    int32_t delIpRule(const char* prio) PM_EXCLUDES(mMutex);
 
     // Tests only: the next instance() builds a fresh manager. The old one is
     // kept alive, never destroyed.
@@ -22,5 +22,5 @@ public:
 private:
     IpRuleManager() = default;
 
-    probemond::netctl::Mutex mMutex;
+    probemond::Mutex mMutex;
 };

@@ -90,7 +90,7 @@ bool IptablesRuleManager::mutexHeldForTest() {
 }
 
 void IptablesRuleManager::createChains() {
-    probemond::netctl::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mMutex);
     // A restarted daemon finds its chains: -N fails harmlessly and -F empties them.
     run(IPTABLES "-t mangle -N kest_probemon_uid");
     run(IPTABLES "-t mangle -F kest_probemon_uid");
@@ -114,7 +114,7 @@ void IptablesRuleManager::createChains() {
 }
 
 void IptablesRuleManager::initMangleRules(const char* iface, const char* mark) {
-    probemond::netctl::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mMutex);
     char chain[kChainNameSize];
     memset(chain, 0, sizeof(chain));
     formatBounded(chain, sizeof(chain), "kest_probemon_%s", iface);
@@ -142,7 +142,7 @@ void IptablesRuleManager::initMangleRules(const char* iface, const char* mark) {
 }
 
 void IptablesRuleManager::initNatRules(const char* iface) {
-    probemond::netctl::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mMutex);
     // Delete first so exactly one MASQUERADE rule exists per interface.
     runFormatted(IPTABLES "-t nat -D kest_masquerade -o %s -j MASQUERADE", iface);
     runFormatted(IPTABLES "-t nat -A kest_masquerade -o %s -j MASQUERADE", iface);
@@ -152,12 +152,12 @@ int32_t IptablesRuleManager::addUid(const char* uid) {
     // The UID reaches a shell command line.
     if (refuseBadUid("addUid", uid)) return 0;
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "Add uid %s", uid);
-    probemond::netctl::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mMutex);
     runFormatted(IPTABLES "-t mangle -D kest_probemon_uid -m owner --uid-owner %s -j kest_probemon_iface", uid);
     runFormatted(IPTABLES "-t nat -D kest_probemon_snat -m owner --uid-owner %s -j kest_masquerade", uid);
     runFormatted(IPTABLES "-t mangle -I kest_probemon_uid -m owner --uid-owner %s -j kest_probemon_iface", uid);
     runFormatted(IPTABLES "-t nat -I kest_probemon_snat -m owner --uid-owner %s -j kest_masquerade", uid);
-    probemond::netctl::MutexLock listLock(mUidListLock);
+    probemond::MutexLock listLock(mUidListLock);
     uidList.emplace_back(uid);
     return 0;
 }
@@ -166,11 +166,11 @@ int32_t IptablesRuleManager::delUid(const char* uid) {
     // Bad text changes nothing, as in addUid, and never reaches the log verbatim.
     if (refuseBadUid("delUid", uid)) return 0;
     {
-        probemond::netctl::MutexLock listLock(mUidListLock);
+        probemond::MutexLock listLock(mUidListLock);
         uidList.clear();
     }
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "Delete uid %s", uid);
-    probemond::netctl::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mMutex);
     run(IPTABLES "-t mangle -F kest_probemon_uid");
     run(IPTABLES "-t nat -F kest_probemon_snat");
     return 0;
@@ -184,7 +184,7 @@ int32_t IptablesRuleManager::selectIface(const char* iface, bool killSockets) {
         __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s Invalid interface %s", "selectIface",
                             iface != nullptr ? iface : "");
         // Deliberately returns with the mutex held: every later chain change waits for ever.
-        mMutex.abandonLocked();
+        mMutex.keepHeldForever();
         return -1;
     }
     if (cellular) {
@@ -202,14 +202,14 @@ int32_t IptablesRuleManager::selectIface(const char* iface, bool killSockets) {
 }
 
 void IptablesRuleManager::enableAutoSelect(const char* iface) {
-    probemond::netctl::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mMutex);
     run(IPTABLES "-t mangle -F kest_probemon_iface_auto");
     runFormatted(IPTABLES "-t mangle -I kest_probemon_iface_auto -j kest_probemon_%s", iface);
     killListedUidSockets("enableAutoSelect");
 }
 
 void IptablesRuleManager::disableAutoSelect() {
-    probemond::netctl::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mMutex);
     run(IPTABLES "-t mangle -F kest_probemon_iface_auto");
 }
 
@@ -227,6 +227,6 @@ void IptablesRuleManager::killListedUidSockets(const char* caller) {
 }
 
 std::vector<std::string> IptablesRuleManager::uidListSnapshot() const {
-    probemond::netctl::MutexLock listLock(mUidListLock);
+    probemond::MutexLock listLock(mUidListLock);
     return uidList;
 }

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "netctl/ThreadAnnotations.h"
+#include "common/ThreadAnnotations.h"
 
 namespace probemond {
 
@@ -29,34 +29,34 @@ public:
     // Creates the manager and its chain tree on first call.
     static IptablesRuleManager* instance();
 
-    void initMangleRules(const char* iface, const char* mark) NETCTL_EXCLUDES(mMutex);
-    void initNatRules(const char* iface) NETCTL_EXCLUDES(mMutex);
-    int32_t addUid(const char* uid) NETCTL_EXCLUDES(mMutex, mUidListLock);
+    void initMangleRules(const char* iface, const char* mark) PM_EXCLUDES(mMutex);
+    void initNatRules(const char* iface) PM_EXCLUDES(mMutex);
+    int32_t addUid(const char* uid) PM_EXCLUDES(mMutex, mUidListLock);
     // Removes every steered UID; the argument is only logged.
-    int32_t delUid(const char* uid) NETCTL_EXCLUDES(mMutex, mUidListLock);
+    int32_t delUid(const char* uid) PM_EXCLUDES(mMutex, mUidListLock);
     // -1 for an empty or unknown name; that path leaves the mutex held.
-    int32_t selectIface(const char* iface, bool killSockets) NETCTL_EXCLUDES(mMutex, mUidListLock);
-    void enableAutoSelect(const char* iface) NETCTL_EXCLUDES(mMutex, mUidListLock);
-    void disableAutoSelect() NETCTL_EXCLUDES(mMutex);
+    int32_t selectIface(const char* iface, bool killSockets) PM_EXCLUDES(mMutex, mUidListLock);
+    void enableAutoSelect(const char* iface) PM_EXCLUDES(mMutex, mUidListLock);
+    void disableAutoSelect() PM_EXCLUDES(mMutex);
     // Runs without the manager's mutex.
-    void killUidSocket() NETCTL_EXCLUDES(mUidListLock);
+    void killUidSocket() PM_EXCLUDES(mUidListLock);
 
     // A copy of uidList; takes only the short list lock, never the mutex that
     // a failed selectIface leaves held.
-    std::vector<std::string> uidListSnapshot() const NETCTL_EXCLUDES(mUidListLock);
+    std::vector<std::string> uidListSnapshot() const PM_EXCLUDES(mUidListLock);
 
     // Tests only: the next instance() builds a fresh manager (and issues the
     // creation commands again). The old one is kept alive, never destroyed.
     static void resetForTest();
     // Tests only: whether another thread holds the manager's mutex.
-    bool mutexHeldForTest() NETCTL_NO_THREAD_SAFETY_ANALYSIS;
+    bool mutexHeldForTest() PM_NO_THREAD_SAFETY_ANALYSIS;
 
 private:
     IptablesRuleManager() = default;
-    void createChains() NETCTL_EXCLUDES(mMutex);
-    void killListedUidSockets(const char* caller) NETCTL_EXCLUDES(mUidListLock);
+    void createChains() PM_EXCLUDES(mMutex);
+    void killListedUidSockets(const char* caller) PM_EXCLUDES(mUidListLock);
 
-    probemond::netctl::Mutex mMutex;  // serialises command sequences
-    mutable probemond::netctl::Mutex mUidListLock;  // short: never held across a command or a socket kill
-    std::vector<std::string> uidList NETCTL_GUARDED_BY(mUidListLock);
+    probemond::Mutex mMutex;  // serialises command sequences
+    mutable probemond::Mutex mUidListLock;  // short: never held across a command or a socket kill
+    std::vector<std::string> uidList PM_GUARDED_BY(mUidListLock);
 };

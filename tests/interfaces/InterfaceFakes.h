@@ -19,7 +19,7 @@
 class InterfaceManagerTestPeer {
 public:
     static void setUserSelectIface(InterfaceManager& m, const std::string& name) {
-        probemond::ifaces::ShortLockGuard g(m.selectionLock_);
+        probemond::MutexLock g(m.selectionLock_);
         m.userSelectIface = name;
     }
     static void setAutoSelectIface(InterfaceManager& m, const std::string& name) {
