@@ -367,10 +367,14 @@ case_callback_killed() {
     kill "$hang2"
     pd_wait_log "Switch to rmnet_data0" 5 || fail "the engine did not go on after the client died"
     pd_wait_true 5 pd_auto_branch_is kest_probemon_rmnet_data0 || fail "auto branch: '$(pd_auto_branch)'"
-    expect_eq "contact failures logged" 2 "$(grep -c "Couldn't contact remote" "$PD_LOG")"
+    # Two at least: the engine's own first call may still reach the dying
+    # first client's socket and count a third.
+    local failures
+    failures="$(grep -c "Couldn't contact remote" "$PD_LOG")"
+    [ "$failures" -ge 2 ] || fail "only $failures 'Couldn't contact remote' lines"
     expect_eq "disable with no client" 0 "$(timeout 5 "$PD_BIN/probemonctl" disable-auto-select)"
     expect_healthy "after the callback client was killed twice"
-    figure "callback_killed contact_failures=2 engine_went_on=yes"
+    figure "callback_killed contact_failures=$failures engine_went_on=yes"
 }
 
 # ---------------------------------------------------------------- capabilities
