@@ -1,9 +1,13 @@
 #include "daemon/KestNetworkProbeMond.h"
 
 #include <errno.h>
+#include <limits.h>
+#include <poll.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
@@ -50,10 +54,22 @@ private:
     bool blocked_ = false;
 };
 
+// A reader that stops draining must not hold a binder thread for ever: each
+// chunk waits at most this long for room. Chunks of PIPE_BUF never block once
+// poll reports the pipe writable.
+constexpr int kDumpWriteTimeoutMs = 2000;
+
 status_t writeAll(int fd, const std::string& text) {
     size_t done = 0;
     while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        pollfd p{fd, POLLOUT, 0};
+        int ready = poll(&p, 1, kDumpWriteTimeoutMs);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready == 0) return -ETIMEDOUT;
+        if (ready < 0) return -errno;
+        if (p.revents & (POLLERR | POLLNVAL)) return -EPIPE;
+        size_t chunk = std::min<size_t>(text.size() - done, PIPE_BUF);
+        ssize_t n = write(fd, text.data() + done, chunk);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return -errno;
         done += static_cast<size_t>(n);

@@ -250,6 +250,24 @@ TEST_F(ServiceTest, DumpToAVanishedReaderFailsWithoutKillingTheProcess) {
     close(fds[0]);
 }
 
+TEST_F(ServiceTest, DumpToAReaderThatNeverDrainsGivesUpInsteadOfHoldingTheThread) {
+    sp<KestNetworkProbeMond> svc = new KestNetworkProbeMond();
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    char fill[4096] = {};
+    while (write(fds[1], fill, sizeof fill) > 0) {
+    }
+    ASSERT_EQ(errno, EAGAIN);
+    // The daemon gets a blocking descriptor, as from a client.
+    ASSERT_EQ(fcntl(fds[1], F_SETFL, 0), 0);
+    android::Vector<android::String16> args;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(svc->dump(fds[1], args), -ETIMEDOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    close(fds[0]);
+    close(fds[1]);
+}
+
 TEST(DumpFormat, RendersHistoryOldestFirstAndEmptyValuesAsNone) {
     InterfaceManagerSnapshot state;
     InterfaceSnapshot wlan;
