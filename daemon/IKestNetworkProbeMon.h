@@ -29,7 +29,8 @@ public:
         DISABLE_AUTO_SELECT,
     };
 
-    static const String16 descriptor;
+    // Never destroyed: pool threads may still check tokens while the process exits.
+    static const String16& descriptor;
     static sp<IKestNetworkProbeMon> asInterface(const sp<IBinder>& obj);
     // Whether the request of this code carries a string after the token.
     static bool takesArgument(uint32_t code);

@@ -13,7 +13,7 @@ constexpr useconds_t kLookupPauseUs = 5000;
 
 }  // namespace
 
-const String16 IKestNetworkProbeMonCallback::descriptor("NetworkProbeMon_Binder");
+const String16& IKestNetworkProbeMonCallback::descriptor = *new String16("NetworkProbeMon_Binder");
 
 const String16& IKestNetworkProbeMonCallback::getInterfaceDescriptor() const { return descriptor; }
 

@@ -15,7 +15,8 @@ class IKestNetworkProbeMonCallback : public IInterface {
 public:
     enum { ON_AUTO_SELECT = IBinder::FIRST_CALL_TRANSACTION };
 
-    static const String16 descriptor;
+    // Never destroyed: pool threads may still check tokens while the process exits.
+    static const String16& descriptor;
     static sp<IKestNetworkProbeMonCallback> asInterface(const sp<IBinder>& obj);
 
     virtual int32_t onAutoSelect(std::string iface) = 0;
