@@ -13,6 +13,9 @@ pd_init() {
     : >"$PROBEMOND_PROPERTY_FILE"
     PD_LOG="$PD_TMP/probemond.log"
     PD_DAEMON_PID=""
+    PD_SANITIZER_REPORTS=0
+    # A race report must not scroll by in a log that is deleted afterwards.
+    export TSAN_OPTIONS="halt_on_error=1 ${TSAN_OPTIONS:-}"
     PD_CHILDREN=()
 }
 
@@ -64,6 +67,11 @@ pd_stop_daemon() {
     kill "$PD_DAEMON_PID" 2>/dev/null
     wait "$PD_DAEMON_PID" 2>/dev/null
     PD_DAEMON_PID=""
+    if grep -qE "^(==[0-9]+==ERROR: |WARNING: ThreadSanitizer|SUMMARY: [A-Za-z]+Sanitizer)|runtime error: " "$PD_LOG" 2>/dev/null; then
+        PD_SANITIZER_REPORTS=1
+        echo "--- sanitizer report from probemond ---" >&2
+        grep -A 30 -E "^(==[0-9]+==ERROR: |WARNING: ThreadSanitizer)|runtime error: " "$PD_LOG" | head -n 80 >&2
+    fi
     rm -f "$PROBEMOND_BINDER_DIR/vndbinder/probemond_Binder"
 }
 

@@ -24,6 +24,7 @@ finish() {
         done
     fi
     pd_cleanup
+    [ "${PD_SANITIZER_REPORTS:-0}" -eq 0 ] || { echo "FAIL: sanitizer report in the daemon's log"; exit 1; }
 }
 
 [ "$(id -u)" -eq 0 ] || { echo "skipped: needs root"; exit 77; }
