@@ -17,7 +17,10 @@ else
     done
 fi
 
-echo "machine: $(nproc) CPUs, kernel $(uname -r) $(uname -m)"
+cpu="$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)"
+echo "machine: $(nproc) CPUs${cpu:+ ($cpu)}, kernel $(uname -r) $(uname -m)"
+# Figures move with whatever else runs; the load at the start says how busy it was.
+echo "started $(date '+%Y-%m-%d %H:%M'), load average $(cut -d' ' -f1-3 /proc/loadavg)"
 rc=0
 for n in "${names[@]}"; do
     script="$DIR/$n.sh"
