@@ -3,9 +3,11 @@
 //   probemond-bench-steer PROBEMONCTL BASE N PER CHANGES
 // Holds PER sockets (half TCP, half UDP) for each UID, then CHANGES times:
 // times `probemonctl select` (alternating rmnet_data0 / wlan0), re-opens the
-// destroyed sockets, times killUidSockets over the same UIDs in this process,
-// and times a call that changes nothing (`probemonctl rtt wlan0`).
-// Prints: UIDS SOCKETS SELECT KILL CALL FIREWALL (medians, ms) DESTROYED-OK
+// destroyed sockets, times the change's own wrapper commands run again
+// through the same runner (they leave the chains as they are), times
+// killUidSockets over the same UIDs in this process, and times a call that
+// changes nothing (`probemonctl rtt wlan0`).
+// Prints: UIDS SOCKETS SELECT FIREWALL KILL CALL (medians, ms) DESTROYED-OK
 #include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <errno.h>
@@ -27,6 +29,7 @@
 #include <android/log.h>
 
 #include "netctl/SockDiag.h"
+#include "netctl/WrapperCommand.h"
 
 extern char** environ;
 
@@ -107,6 +110,16 @@ double timedCall(const char* ctl, const char* cmd, const char* arg) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? ms : -1;
 }
 
+#define IPTABLES "/system/bin/iptables-wrapper-1.0 -w "
+
+// The commands a selection of IFACE runs, in order.
+std::vector<std::string> selectionCommands(const std::string& iface) {
+    if (iface.compare(0, 10, "rmnet_data") == 0)
+        return {IPTABLES "-t mangle -F kest_probemon_iface_wlan", IPTABLES "-t mangle -F kest_probemon_iface_rmnet",
+                IPTABLES "-t mangle -I kest_probemon_iface_rmnet -j kest_probemon_" + iface};
+    return {IPTABLES "-t mangle -F kest_probemon_iface_rmnet", IPTABLES "-t mangle -F kest_probemon_iface_wlan"};
+}
+
 double median(std::vector<double> v) {
     std::sort(v.begin(), v.end());
     const size_t n = v.size();
@@ -152,6 +165,7 @@ int main(int argc, char** argv) {
     for (int u = 0; u < uids; ++u) uidText.push_back(std::to_string(base + static_cast<uid_t>(u)));
 
     std::vector<double> select, kill, call, firewall;
+    bool commandsOk = true;
     bool allDestroyed = true;
     for (int c = 0; c < changes; ++c) {
         const char* iface = c % 2 == 0 ? "rmnet_data0" : "wlan0";
@@ -165,17 +179,21 @@ int main(int argc, char** argv) {
         for (const std::string& u : uidText) killUidSockets(u.c_str());
         const double k = msSince(t0);
         if (reopen(slots, &ok) != static_cast<int>(slots.size())) allDestroyed = false;
+        const auto f0 = std::chrono::steady_clock::now();
+        for (const std::string& cmd : selectionCommands(iface))
+            commandsOk = runWrapperCommand(cmd.c_str(), "cannot run %s") && commandsOk;
+        const double f = msSince(f0);
         const double n = timedCall(ctl, "rtt", "wlan0");
-        if (!ok || n < 0) {
-            fprintf(stderr, "cannot re-open sockets or reach the daemon\n");
+        if (!ok || n < 0 || !commandsOk) {
+            fprintf(stderr, "cannot re-open sockets, run the commands or reach the daemon\n");
             return 1;
         }
         select.push_back(s);
         kill.push_back(k);
         call.push_back(n);
-        firewall.push_back(s - k - n);
+        firewall.push_back(f);
     }
-    printf("%5d %8zu %10.1f %10.1f %10.1f %12.1f %s\n", uids, slots.size(), median(select), median(kill),
-           median(call), median(firewall), allDestroyed ? "yes" : "NO");
+    printf("%5d %8zu %10.1f %12.1f %10.1f %10.1f %s\n", uids, slots.size(), median(select), median(firewall),
+           median(kill), median(call), allDestroyed ? "yes" : "NO");
     return allDestroyed ? 0 : 1;
 }

@@ -3,11 +3,13 @@
 # steered UIDs, each holding 4 open sockets (2 TCP, 2 UDP), and how that
 # splits into socket destruction and firewall commands.
 #   SELECT    `probemonctl select` end to end (rmnet_data0 and wlan0 in turn)
+#   FIREWALL  the change's 2 or 3 iptables wrapper commands, run again through
+#             the daemon's command runner right after it
 #   KILL      killUidSockets over the same UIDs and as many sockets, timed in
 #             a process of its own right after the change
 #   CALL      a call that changes nothing (`probemonctl rtt wlan0`): client
 #             start-up and the binder round trip
-#   FIREWALL  SELECT - KILL - CALL: the wrapper commands under the lock
+# SELECT is about FIREWALL + KILL + CALL.
 #   PROBEMOND_BENCH_CHANGES  changes per row (default 6, made even)
 set -u
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -48,7 +50,7 @@ for c in "add-ip-rule wlan0" "add-ip-rule rmnet_data0" "select wlan0"; do
 done
 
 echo "== steer: manual selection change with N steered UIDs, $PER sockets each, median of $CHANGES changes =="
-printf '%5s %8s %10s %10s %10s %12s %s\n' UIDS SOCKETS SELECT-ms KILL-ms CALL-ms FIREWALL-ms ALL-DESTROYED
+printf '%5s %8s %10s %12s %10s %10s %s\n' UIDS SOCKETS SELECT-ms FIREWALL-ms KILL-ms CALL-ms ALL-DESTROYED
 added=0
 for n in 1 10 100; do
     while [ $added -lt $n ]; do
@@ -57,5 +59,6 @@ for n in 1 10 100; do
     done
     "$PD_BIN/probemond-bench-steer" "$PD_BIN/probemonctl" $BASE $n $PER "$CHANGES" || die "the $n-UID row failed"
 done
-echo "A change runs 2 or 3 iptables wrapper commands, then kills each steered UID's sockets (4 dumps per"
-echo "UID: TCP and UDP, IPv4 and IPv6). Socket destruction against ss -K: see the destroy benchmark."
+echo "SELECT: probemonctl select end to end; FIREWALL: the change's iptables wrapper commands; KILL:"
+echo "killUidSockets for every steered UID (4 dumps each: TCP, UDP, IPv4, IPv6); CALL: a probemonctl call"
+echo "that changes nothing. SELECT is about the sum of the other three. Against ss -K: see destroy."
