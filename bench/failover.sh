@@ -16,21 +16,8 @@ export PROBEMOND_BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
 LAB="$ROOT/lab/lab.sh"
 TRIALS="${PROBEMOND_BENCH_TRIALS:-10}"
 
-if [ "${1:-}" != "--inside" ]; then
-    export PROBEMOND_LAB="${PROBEMOND_LAB:-probemond}-bench"
-    [ "$(id -u)" -eq 0 ] || { echo "skipped: the failover benchmark needs root (network lab)"; exit 77; }
-    for b in probemond probemonctl probemond-responder probemond-bench-flow; do
-        [ -x "$PROBEMOND_BUILD_DIR/bin/$b" ] || { echo "bench failover: $b not built (./run build)" >&2; exit 2; }
-    done
-    trap '"$LAB" down >/dev/null 2>&1' EXIT
-    trap 'exit 130' INT TERM
-    "$LAB" down >/dev/null 2>&1
-    "$LAB" up >/dev/null
-    r=$?
-    [ $r -eq 0 ] || exit $r
-    "$LAB" exec bash "$ROOT/bench/failover.sh" --inside
-    exit $?
-fi
+. "$ROOT/bench/lab_bench.sh"
+bench_in_lab failover "$ROOT/bench/failover.sh" "${1:-}" probemond probemonctl probemond-responder probemond-bench-flow
 
 . "$ROOT/tests/e2e/daemon_lab.sh"
 pd_init

@@ -16,22 +16,10 @@ IFACES=(wlan0 wlan1 rmnet_data0 rmnet_data1 rmnet_data2 rmnet_data3 rmnet_data4 
         rmnet_data6 rmnet_data7)
 
 if [ "${1:-}" != "--inside" ]; then
-    # A lab of its own, so it never meets the tests' lab.
-    export PROBEMOND_LAB="${PROBEMOND_LAB:-probemond}-bench"
-    [ "$(id -u)" -eq 0 ] || { echo "skipped: the footprint benchmark needs root (network lab)"; exit 77; }
     command -v ping >/dev/null || { echo "skipped: iputils ping is not installed"; exit 77; }
-    for b in probemond probemonctl probemond-responder; do
-        [ -x "$PROBEMOND_BUILD_DIR/bin/$b" ] || { echo "bench footprint: $b not built (./run build)" >&2; exit 2; }
-    done
-    trap '"$LAB" down >/dev/null 2>&1' EXIT
-    trap 'exit 130' INT TERM
-    "$LAB" down >/dev/null 2>&1
-    "$LAB" up >/dev/null
-    r=$?
-    [ $r -eq 0 ] || exit $r
-    "$LAB" exec bash "$ROOT/bench/footprint.sh" --inside
-    exit $?
 fi
+. "$ROOT/bench/lab_bench.sh"
+bench_in_lab footprint "$ROOT/bench/footprint.sh" "${1:-}" probemond probemonctl probemond-responder
 
 . "$ROOT/tests/e2e/daemon_lab.sh"
 pd_init

@@ -19,21 +19,8 @@ LAB="$ROOT/lab/lab.sh"
 CHANGES="${PROBEMOND_BENCH_CHANGES:-6}"
 CHANGES=$(( (CHANGES + 1) / 2 * 2 ))  # even: every row starts and ends on wlan0
 
-if [ "${1:-}" != "--inside" ]; then
-    export PROBEMOND_LAB="${PROBEMOND_LAB:-probemond}-bench"
-    [ "$(id -u)" -eq 0 ] || { echo "skipped: the steering benchmark needs root (network lab)"; exit 77; }
-    for b in probemond probemonctl probemond-responder probemond-bench-steer; do
-        [ -x "$PROBEMOND_BUILD_DIR/bin/$b" ] || { echo "bench steer: $b not built (./run build)" >&2; exit 2; }
-    done
-    trap '"$LAB" down >/dev/null 2>&1' EXIT
-    trap 'exit 130' INT TERM
-    "$LAB" down >/dev/null 2>&1
-    "$LAB" up >/dev/null
-    r=$?
-    [ $r -eq 0 ] || exit $r
-    "$LAB" exec bash "$ROOT/bench/steer.sh" --inside
-    exit $?
-fi
+. "$ROOT/bench/lab_bench.sh"
+bench_in_lab steering "$ROOT/bench/steer.sh" "${1:-}" probemond probemonctl probemond-responder probemond-bench-steer
 
 . "$ROOT/tests/e2e/daemon_lab.sh"
 pd_init
