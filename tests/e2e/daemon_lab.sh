@@ -53,6 +53,12 @@ pd_start_daemon() {
     local sysbin="${1:-${PROBEMOND_SYSTEM_BIN:-$PD_ROOT/lab/wrappers}}"
     PROBEMOND_SYSTEM_BIN="$sysbin" "$PD_BIN/probemond" 2>>"$PD_LOG" &
     PD_DAEMON_PID=$!
+    pd_wait_for_service
+}
+
+# pd_wait_for_service: waits (5 s at most) until the daemon started as
+# PD_DAEMON_PID has registered its service; fails at once if it died.
+pd_wait_for_service() {
     local n
     for n in $(seq 100); do
         [ -S "$PROBEMOND_BINDER_DIR/vndbinder/probemond_Binder" ] && return 0
@@ -60,6 +66,22 @@ pd_start_daemon() {
         sleep 0.05
     done
     return 1
+}
+
+# pd_recording_bin: a wrapper folder whose tools append their name and argv
+# to $PD_TMP/commands, then run the lab's tool. Prints the folder.
+pd_recording_bin() {
+    local dir="$PD_TMP/sysbin" w
+    mkdir -p "$dir"
+    for w in iptables-wrapper-1.0 ip-wrapper-1.0; do
+        cat >"$dir/$w" <<W
+#!/bin/sh
+echo "$w \$*" >>"$PD_TMP/commands"
+exec "$PD_ROOT/lab/wrappers/$w" "\$@"
+W
+        chmod +x "$dir/$w"
+    done
+    echo "$dir"
 }
 
 pd_stop_daemon() {

@@ -37,20 +37,6 @@ for i in wlan0 wlan1 rmnet_data0 rmnet_data1; do "$PD_LAB" delay "$i" 0; "$PD_LA
 
 readonly UID_APP=10123
 
-# Recording wrappers: each appends its name and argv, then runs the lab's tool.
-make_recording_bin() {
-    local dir="$PD_TMP/sysbin" w
-    mkdir -p "$dir"
-    for w in iptables-wrapper-1.0 ip-wrapper-1.0; do
-        cat >"$dir/$w" <<W
-#!/bin/sh
-echo "$w \$*" >>"$PD_TMP/commands"
-exec "$PD_ROOT/lab/wrappers/$w" "\$@"
-W
-        chmod +x "$dir/$w"
-    done
-    echo "$dir"
-}
 
 expected_startup_commands() {
     local p="iptables-wrapper-1.0 -w"
@@ -94,7 +80,7 @@ C
 }
 
 case_startup() {
-    local sysbin; sysbin="$(make_recording_bin)"
+    local sysbin; sysbin="$(pd_recording_bin)"
     pd_start_daemon "$sysbin" || { fail "daemon did not register its service"; return; }
     pd_wait_log "Ping thread" 5
 

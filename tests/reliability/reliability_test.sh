@@ -63,29 +63,9 @@ rel_start() {
         exec "$@" "$PD_BIN/probemond"
     ) 2>>"$PD_LOG" </dev/null &
     PD_DAEMON_PID=$!
-    local n
-    for n in $(seq 100); do
-        [ -S "$PROBEMOND_BINDER_DIR/vndbinder/probemond_Binder" ] && return 0
-        kill -0 "$PD_DAEMON_PID" 2>/dev/null || return 1
-        sleep 0.05
-    done
-    return 1
+    pd_wait_for_service
 }
 
-# Recording wrappers: each appends its name and argv, then runs the lab's tool.
-make_recording_bin() {
-    local dir="$PD_TMP/sysbin" w
-    mkdir -p "$dir"
-    for w in iptables-wrapper-1.0 ip-wrapper-1.0; do
-        cat >"$dir/$w" <<W
-#!/bin/sh
-echo "$w \$*" >>"$PD_TMP/commands"
-exec "$PD_ROOT/lab/wrappers/$w" "\$@"
-W
-        chmod +x "$dir/$w"
-    done
-    echo "$dir"
-}
 
 # A wrapper folder whose two tools run BODY (sh) instead of the real tool.
 make_fake_bin() {
@@ -451,7 +431,7 @@ log_count_at_least() { [ "$(pd_log_texts | grep -c -- "$1")" -ge "$2" ]; }
 
 case_uid_injection() {
     local sysbin marker="$PD_TMP/injected"
-    sysbin="$(make_recording_bin)"
+    sysbin="$(pd_recording_bin)"
     PROBEMOND_SYSTEM_BIN="$sysbin" rel_start || { fail "start"; return; }
     pd_wait_log "initAllPingThread Init ping thread on wlan1" 5
     : >"$PD_TMP/commands"
