@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "LogCapture.h"
+#include "PrivateBinderDir.h"
 
 using namespace android;
 using probemond::test::LogCapture;
@@ -227,16 +228,17 @@ TEST(BpKestNetworkProbeMonCallback, ResultAndReadStatusAreLogged) {
 class NotifyTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        char tmpl[] = "/tmp/binder_iface_test.XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        sDir = tmpl;
-        setenv("PROBEMOND_BINDER_DIR", sDir.c_str(), 1);
+        sDir = new probemond::test::PrivateBinderDir("binder_iface_test");
+        ASSERT_TRUE(sDir->ok());
         ProcessState::initWithDriver("/dev/vndbinder");
     }
-    static void TearDownTestSuite() { std::filesystem::remove_all(sDir); }
-    static std::string sDir;
+    static void TearDownTestSuite() {
+        delete sDir;
+        sDir = nullptr;
+    }
+    static probemond::test::PrivateBinderDir* sDir;
 };
-std::string NotifyTest::sDir;
+probemond::test::PrivateBinderDir* NotifyTest::sDir = nullptr;
 
 TEST_F(NotifyTest, NoClientGivesZeroAfterThreePausesAndNoLog) {
     LogCapture log;

@@ -21,6 +21,7 @@
 #include "LogCapture.h"
 #include "daemon/IKestNetworkProbeMon.h"
 #include "daemon/IKestNetworkProbeMonCallback.h"
+#include "PrivateBinderDir.h"
 
 using namespace android;
 using probemond::test::ChildProcess;
@@ -35,14 +36,16 @@ std::string gDir;
 class BinderEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
-        char tmpl[] = "/tmp/binder_cross.XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        gDir = tmpl;
-        setenv("PROBEMOND_BINDER_DIR", gDir.c_str(), 1);
+        dir_ = std::make_unique<probemond::test::PrivateBinderDir>("binder_cross");
+        ASSERT_TRUE(dir_->ok());
+        gDir = dir_->path();
         ProcessState::initWithDriver("/dev/vndbinder");
         ProcessState::self()->startThreadPool();
     }
-    void TearDown() override { std::filesystem::remove_all(gDir); }
+    void TearDown() override { dir_.reset(); }
+
+private:
+    std::unique_ptr<probemond::test::PrivateBinderDir> dir_;
 };
 const auto* const kEnv = ::testing::AddGlobalTestEnvironment(new BinderEnvironment());
 

@@ -19,6 +19,7 @@
 #include "netctl/IpRuleManager.h"
 #include "netctl/IptablesRuleManager.h"
 #include "tests/interfaces/InterfaceFakes.h"
+#include "PrivateBinderDir.h"
 
 using namespace probemond::test;
 
@@ -34,18 +35,19 @@ std::string commandOutput(const char* command) {
     return out;
 }
 
-std::string gBinderDir;
+probemond::test::PrivateBinderDir* gBinderDir = nullptr;
 
 class InterfacesLab : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         // A private binder directory, so the callback goes to our watcher only.
-        char tmpl[] = "/tmp/ifaces-lab-binder.XXXXXX";
-        if (mkdtemp(tmpl) != nullptr) gBinderDir = tmpl;
-        setenv("PROBEMOND_BINDER_DIR", gBinderDir.c_str(), 1);
+        gBinderDir = new probemond::test::PrivateBinderDir("ifaces-lab-binder");
         android::ProcessState::initWithDriver("/dev/vndbinder");
     }
-    static void TearDownTestSuite() { std::filesystem::remove_all(gBinderDir); }
+    static void TearDownTestSuite() {
+        delete gBinderDir;
+        gBinderDir = nullptr;
+    }
 
     void SetUp() override {
         if (!labAvailable()) GTEST_SKIP() << "not inside the network lab (run through lab/lab.sh exec as root)";
@@ -69,7 +71,7 @@ TEST_F(InterfacesLab, AutoSelectLeavesSlowWifiForCellular) {
     ChildProcess watch({PROBEMONCTL_PATH, "watch"});
     ASSERT_TRUE(watch.started());
     ASSERT_TRUE(waitUntil(
-        [] { return std::filesystem::exists(gBinderDir + "/vndbinder/NetworkProbeMon_Binder"); }, 5000));
+        [] { return std::filesystem::exists(gBinderDir->path() + "/vndbinder/NetworkProbeMon_Binder"); }, 5000));
 
     ASSERT_TRUE(labDelay("wlan0", 150));
     ASSERT_TRUE(labDelay("rmnet_data0", 30));

@@ -19,6 +19,7 @@
 
 #include "src/ServiceDirectory.h"
 #include "src/Wire.h"
+#include "PrivateBinderDir.h"
 
 using namespace android;
 
@@ -29,14 +30,16 @@ std::string gDir;
 class BinderDirEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
-        char tmpl[] = "/tmp/host_binder_test.XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        gDir = tmpl;
-        setenv("PROBEMOND_BINDER_DIR", gDir.c_str(), 1);
+        dir_ = std::make_unique<probemond::test::PrivateBinderDir>("host_binder_test");
+        ASSERT_TRUE(dir_->ok());
+        gDir = dir_->path();
         ProcessState::initWithDriver("/dev/vndbinder");
         ProcessState::self()->startThreadPool();
     }
-    void TearDown() override { std::filesystem::remove_all(gDir); }
+    void TearDown() override { dir_.reset(); }
+
+private:
+    std::unique_ptr<probemond::test::PrivateBinderDir> dir_;
 };
 const auto* const kEnv = ::testing::AddGlobalTestEnvironment(new BinderDirEnvironment());
 
