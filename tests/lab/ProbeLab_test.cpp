@@ -146,8 +146,11 @@ TEST_F(ProbeLab, RejectedRepliesDoNotEndTheWait) {
         Ping p;
         p.sequenceNumber = 5;
         const int32_t rtt = p.ping("wlan1", "208.67.222.222");
+        // The real reply comes one delay after the bad one: ~40 ms. Ending at the
+        // bad packet would give ~20, ending by timeout 1000. Accuracy itself is
+        // RttFollowsEachInterfacesDelay's claim; here a loaded machine may add a few ms.
         EXPECT_GE(rtt, 39);
-        EXPECT_LE(rtt, 41);
+        EXPECT_LE(rtt, 50);
         EXPECT_EQ(1u, log.count(c.line, ANDROID_LOG_ERROR)) << log.dump();
         EXPECT_EQ(1u, log.countContaining("Failed to parseICMPReply on wlan1 (", ANDROID_LOG_ERROR));
         EXPECT_EQ(6, p.sequenceNumber);
@@ -200,8 +203,11 @@ TEST_F(ProbeLab, StaleDuplicateIsRejectedByTheNextProbe) {
     Ping p;
     const int32_t first = p.ping("rmnet_data4", "223.6.6.6");
     const int32_t second = p.ping("rmnet_data4", "223.6.6.6");  // the copy lands mid-wait
-    EXPECT_LE(std::abs(first - 20), 1);
-    EXPECT_LE(std::abs(second - 20), 1);
+    // Both answered by their own reply (~20 ms), neither by the timeout.
+    EXPECT_GE(first, 19);
+    EXPECT_LE(first, 30);
+    EXPECT_GE(second, 19);
+    EXPECT_LE(second, 30);
     EXPECT_EQ(1u, log.count("Wrong sequence number.")) << log.dump();
     EXPECT_EQ(2, p.sequenceNumber);
 }
