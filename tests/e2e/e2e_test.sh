@@ -5,24 +5,9 @@
 set -u  # no pipefail: "| grep -q" may close its pipe early
 . "$(dirname "${BASH_SOURCE[0]}")/daemon_lab.sh"
 
-FAILED=0
-fail() {
-    echo "FAIL: $*"
-    FAILED=1
-}
-expect_eq() {  # WHAT EXPECTED ACTUAL
-    [ "$2" = "$3" ] || fail "$1: expected '$2', got '$3'"
-}
+. "$(dirname "${BASH_SOURCE[0]}")/test_assert.sh"
 finish() {
-    if [ $FAILED -ne 0 ] && [ -n "${PD_TMP:-}" ]; then
-        echo "--- daemon log (last 60 lines) ---"
-        tail -n 60 "$PD_LOG" 2>/dev/null
-        local f
-        for f in "$PD_TMP"/*; do
-            case "$f" in *probemond.log|*properties|*binder) continue ;; esac
-            [ -f "$f" ] && { echo "--- $(basename "$f") ---"; tail -n 20 "$f"; }
-        done
-    fi
+    show_failure_context 60
     pd_cleanup
     [ "${PD_SANITIZER_REPORTS:-0}" -eq 0 ] || { echo "FAIL: sanitizer report in the daemon's log"; exit 1; }
 }

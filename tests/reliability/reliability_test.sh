@@ -7,27 +7,12 @@
 set -u  # no pipefail: "| grep -q" may close its pipe early
 . "$(dirname "${BASH_SOURCE[0]}")/../e2e/daemon_lab.sh"
 
-FAILED=0
-fail() {
-    echo "FAIL: $*"
-    FAILED=1
-}
-expect_eq() {  # WHAT EXPECTED ACTUAL
-    [ "$2" = "$3" ] || fail "$1: expected '$2', got '$3'"
-}
+. "$(dirname "${BASH_SOURCE[0]}")/../e2e/test_assert.sh"
 figure() { echo "FIGURE: $*"; }
 
 finish() {
     [ -n "${REL_TOGGLER:-}" ] && kill "$REL_TOGGLER" 2>/dev/null && wait "$REL_TOGGLER" 2>/dev/null
-    if [ $FAILED -ne 0 ] && [ -n "${PD_TMP:-}" ]; then
-        echo "--- daemon log (last 40 lines) ---"
-        tail -n 40 "$PD_LOG" 2>/dev/null | cut -c1-300
-        local f
-        for f in "$PD_TMP"/*; do
-            case "$f" in *probemond.log|*properties|*binder|*sysbin) continue ;; esac
-            [ -f "$f" ] && { echo "--- $(basename "$f") ---"; tail -n 20 "$f" | cut -c1-300; }
-        done
-    fi
+    show_failure_context 40
     # A case that deleted an interface puts it back even when it failed.
     ip link show wlan1 >/dev/null 2>&1 || "$PD_LAB" relink wlan1
     lab_defaults
