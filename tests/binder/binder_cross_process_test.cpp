@@ -21,7 +21,7 @@
 #include "LogCapture.h"
 #include "daemon/IKestNetworkProbeMon.h"
 #include "daemon/IKestNetworkProbeMonCallback.h"
-#include "PrivateBinderDir.h"
+#include "BinderTestEnvironment.h"
 
 using namespace android;
 using probemond::test::ChildProcess;
@@ -30,24 +30,9 @@ using probemond::test::RunResult;
 
 namespace {
 
-std::string gDir;
-
-// Every test binary process gets its own binder directory and a started pool.
-class BinderEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override {
-        dir_ = std::make_unique<probemond::test::PrivateBinderDir>("binder_cross");
-        ASSERT_TRUE(dir_->ok());
-        gDir = dir_->path();
-        ProcessState::initWithDriver("/dev/vndbinder");
-        ProcessState::self()->startThreadPool();
-    }
-    void TearDown() override { dir_.reset(); }
-
-private:
-    std::unique_ptr<probemond::test::PrivateBinderDir> dir_;
-};
-const auto* const kEnv = ::testing::AddGlobalTestEnvironment(new BinderEnvironment());
+const auto* const kEnv =
+    ::testing::AddGlobalTestEnvironment(new probemond::test::BinderTestEnvironment("binder_cross"));
+const std::string& gDir = probemond::test::BinderTestEnvironment::path();
 
 RunResult ctl(std::vector<std::string> args) {
     args.insert(args.begin(), PROBEMONCTL_PATH);

@@ -19,29 +19,15 @@
 
 #include "src/ServiceDirectory.h"
 #include "src/Wire.h"
-#include "PrivateBinderDir.h"
+#include "BinderTestEnvironment.h"
 
 using namespace android;
 
 namespace {
 
-std::string gDir;
-
-class BinderDirEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override {
-        dir_ = std::make_unique<probemond::test::PrivateBinderDir>("host_binder_test");
-        ASSERT_TRUE(dir_->ok());
-        gDir = dir_->path();
-        ProcessState::initWithDriver("/dev/vndbinder");
-        ProcessState::self()->startThreadPool();
-    }
-    void TearDown() override { dir_.reset(); }
-
-private:
-    std::unique_ptr<probemond::test::PrivateBinderDir> dir_;
-};
-const auto* const kEnv = ::testing::AddGlobalTestEnvironment(new BinderDirEnvironment());
+const auto* const kEnv =
+    ::testing::AddGlobalTestEnvironment(new probemond::test::BinderTestEnvironment("host_binder_test"));
+const std::string& gDir = probemond::test::BinderTestEnvironment::path();
 
 std::string serviceDir() { return gDir + "/vndbinder"; }
 
