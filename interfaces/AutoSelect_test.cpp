@@ -1,355 +1,210 @@
-#include <android/log.h>
+// The auto-select engine: its decisions one step at a time, and its thread
+// moved one 100 ms turn at a time by a sleeper the test releases.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <set>
+#include <regex>
+#include <tuple>
 #include <thread>
 
 #include "LogCapture.h"
-#include "RecordingCommandExecutor.h"
 #include "TempPropertyFile.h"
 #include "interfaces/InterfaceManager.h"
-#include "netctl/IptablesRuleManager.h"
 #include "tests/interfaces/InterfaceFakes.h"
 
 using namespace probemond::ifaces;
-using probemond::test::FakeManager;
-using probemond::test::LogCapture;
-using probemond::test::RecordingCommandExecutor;
-using probemond::test::RecordingKiller;
-using probemond::test::TempPropertyFile;
-using probemond::test::waitUntil;
+using namespace probemond::test;
 
 namespace {
 
-using Strings = std::vector<std::string>;
-
-void fillHistory(InterfaceInfo& info, size_t n, int32_t value) {
-    info.clearRttHistory();
-    for (size_t i = 0; i < n; ++i) info.addRtt(value);
-}
-
-// ---- one decision at a time ----
-
 struct DecisionRow {
     const char* what;
-    const char* current;
+    const char* current;  // the user's choice, which the engine starts from
     int32_t currentRtt;
     size_t currentHistory;
-    std::vector<std::pair<const char*, int32_t>> medians;  // applied to the records
-    std::vector<const char*> list;                         // candidates, in list order
+    std::vector<std::pair<const char*, int32_t>> medians;  // each with a history of 5
+    std::vector<const char*> list;                         // candidates in list order
     const char* winner;                                    // nullptr: no switch
     bool forcePing;
 };
 
-TEST(Decision, RuleTable) {
+TEST(AutoSelectDecision, RuleTable) {
     const DecisionRow rows[] = {
-        {"bad Wi-Fi leaves for a good cellular link", "wlan0", 150, 5,
+        {"bad Wi-Fi leaves for good cellular", "wlan0", 150, 5,
          {{"wlan0", 150}, {"rmnet_data0", 60}}, {"rmnet_data0", "wlan0"}, "rmnet_data0", true},
-        {"Wi-Fi at 100 stays whatever the others are", "wlan0", 100, 10,
+        {"Wi-Fi at 100 stays", "wlan0", 100, 10,
          {{"wlan0", 100}, {"rmnet_data0", 1}}, {"rmnet_data0", "wlan0"}, nullptr, false},
-        {"Wi-Fi at 101 leaves for a 99", "wlan0", 101, 5,
+        {"Wi-Fi at 101 leaves for 99", "wlan0", 101, 5,
          {{"wlan0", 101}, {"rmnet_data0", 99}}, {"rmnet_data0", "wlan0"}, "rmnet_data0", true},
-        {"a best at exactly 100 is not good enough", "wlan0", 150, 5,
+        {"a best of 100 is not good enough", "wlan0", 150, 5,
          {{"wlan0", 150}, {"rmnet_data0", 100}}, {"rmnet_data0", "wlan0"}, nullptr, true},
-        {"Wi-Fi that is itself the best stays", "wlan0", 90, 5,
+        {"Wi-Fi that is the best stays", "wlan0", 90, 5,
          {{"wlan0", 120}, {"rmnet_data0", 130}}, {"rmnet_data0", "wlan0"}, nullptr, false},
-        {"Wi-Fi may move to the other Wi-Fi", "wlan0", 150, 5,
-         {{"wlan0", 150}, {"wlan1", 40}, {"rmnet_data0", 60}}, {"rmnet_data0", "wlan1", "wlan0"},
-         "wlan1", true},
-        {"cellular leaves for any best Wi-Fi, even a slower one", "rmnet_data0", 20, 5,
+        {"Wi-Fi to the other Wi-Fi", "wlan0", 150, 5, {{"wlan0", 150}, {"wlan1", 40}, {"rmnet_data0", 60}},
+         {"rmnet_data0", "wlan1", "wlan0"}, "wlan1", true},
+        {"cellular leaves for a slower Wi-Fi", "rmnet_data0", 20, 5,
          {{"rmnet_data0", 20}, {"wlan0", 300}}, {"wlan0"}, "wlan0", false},
-        {"cellular stays while cellular is best", "rmnet_data0", 20, 5,
+        {"cellular stays while it is best", "rmnet_data0", 20, 5,
          {{"rmnet_data0", 20}, {"wlan0", 300}}, {"rmnet_data0", "wlan0"}, nullptr, false},
         {"never cellular to cellular", "rmnet_data0", 250, 5,
-         {{"rmnet_data0", 250}, {"rmnet_data1", 10}, {"wlan0", 90}},
-         {"rmnet_data1", "rmnet_data0", "wlan0"}, nullptr, true},
-        {"a tie goes to the record met first", "rmnet_data0", 50, 5,
-         {{"rmnet_data0", 70}, {"wlan0", 60}, {"wlan1", 60}}, {"wlan1", "wlan0", "rmnet_data0"},
-         "wlan1", false},
+         {{"rmnet_data0", 250}, {"rmnet_data1", 10}, {"wlan0", 90}}, {"rmnet_data1", "rmnet_data0", "wlan0"}, nullptr, true},
+        {"a tie goes to the first in the list", "rmnet_data0", 50, 5,
+         {{"rmnet_data0", 70}, {"wlan0", 60}, {"wlan1", 60}}, {"wlan1", "wlan0", "rmnet_data0"}, "wlan1", false},
         {"medians of 0 or below never win", "wlan0", 150, 5,
          {{"wlan0", 150}, {"rmnet_data0", 0}, {"rmnet_data1", -4}, {"rmnet_data2", 50}},
-         {"rmnet_data0", "rmnet_data1", "rmnet_data2", "wlan0"}, "rmnet_data2", true},
+         {"rmnet_data0", "rmnet_data1", "rmnet_data2"}, "rmnet_data2", true},
         {"a history of 4 waits", "wlan0", 150, 4,
          {{"wlan0", 150}, {"rmnet_data0", 10}}, {"rmnet_data0", "wlan0"}, nullptr, false},
         {"no candidate at all", "rmnet_data0", 300, 5, {{"rmnet_data0", 300}}, {}, nullptr, true},
-        {"only non-positive medians", "rmnet_data0", 30, 5,
-         {{"rmnet_data0", 30}, {"wlan0", 0}}, {"wlan0"}, nullptr, false},
-        {"no current interface", "", 0, 0, {{"wlan0", 10}}, {"wlan0"}, nullptr, false},
+        {"no selection yet", "", 0, 0, {{"wlan0", 10}}, {"wlan0"}, nullptr, false},
     };
     for (const DecisionRow& row : rows) {
         SCOPED_TRACE(row.what);
         TempPropertyFile props;
+        props.set(kRttDebugProperty, "1");
         FakeManager fake;
-        fake->isAutoSelectForcePing = true;  // every decision starts by clearing it
-        for (const auto& m : row.medians) fake.info(m.first).mrtt = m.second;
+        if (*row.current) fake.m.selectInterface(row.current);
         std::vector<InterfaceInfo*> list;
-        for (const char* name : row.list) {
-            list.push_back(&fake.info(name));
-            fillHistory(fake.info(name), 5, 1);
-        }
+        for (const char* name : row.list) list.push_back(&fake.info(name));
+        fake.m.beginAutoSelect(list);
+        for (const auto& [name, mrtt] : row.medians) fake.history(name, 5, mrtt);
         if (*row.current) {
+            fake.history(row.current, row.currentHistory, fake.info(row.current).mrtt);
             fake.info(row.current).rtt = row.currentRtt;
-            fillHistory(fake.info(row.current), row.currentHistory, 1);
         }
-        InterfaceManagerTestPeer::setAutoSelectIface(*fake.manager, row.current);
+        fake.m.isAutoSelectForcePing = true;  // every decision starts by clearing it
+        fake.recorder.clear();
         LogCapture log;
 
-        const bool switched = fake->switchInterface(list);
-
-        EXPECT_EQ(row.winner != nullptr, switched);
-        EXPECT_EQ(row.forcePing, fake->isAutoSelectForcePing.load());
+        EXPECT_EQ(row.winner != nullptr, fake.m.decideAutoSelect(list));
+        EXPECT_EQ(row.forcePing, fake.m.isAutoSelectForcePing.load());
+        const std::string now = row.winner ? row.winner : row.current;
+        EXPECT_EQ(now, fake.m.autoSelectIfaceCopy());
+        Strings lines, calls;
         if (row.winner) {
-            EXPECT_EQ(row.winner, fake->autoSelectIfaceCopy());
-            EXPECT_EQ(Strings{row.winner}, fake.notifier.names());
-            char line[128];
-            snprintf(line, sizeof(line), "%s (%dms) is better than %s (%dms)", row.winner,
-                     static_cast<int>(fake.info(row.winner).mrtt), row.current,
-                     static_cast<int>(fake.info(row.current).mrtt));
-            EXPECT_TRUE(log.has(line, ANDROID_LOG_DEBUG)) << log.dump();
-        } else {
-            EXPECT_EQ(row.current, fake->autoSelectIfaceCopy());
-            EXPECT_TRUE(fake.notifier.names().empty());
-            EXPECT_EQ(0u, log.lines().size()) << log.dump();  // debug is off
+            lines = {now + " (" + std::to_string(fake.info(now).mrtt) + "ms) is better than " +
+                         row.current + " (" + std::to_string(fake.info(row.current).mrtt) + "ms)",
+                     "Switch to " + now};
+            calls = {"notify " + now, "enableAutoSelect " + now};
+        } else if (*row.current && row.currentHistory < 5) {
+            lines = {"Could not make switch decision because the rtt history on " + now + " is " +
+                     std::to_string(row.currentHistory) + "/5."};
         }
-        // The firewall is the loop's business, not the decision's.
-        EXPECT_TRUE(fake.steering.calls().size() == 20u);
+        EXPECT_EQ(lines, log.texts());
+        EXPECT_EQ(calls, fake.recorder.calls());
+
+        // Stopping away from the user's choice resets the steered sockets.
+        fake.recorder.clear();
+        fake.m.endAutoSelect();
+        EXPECT_EQ(row.winner ? Strings{"killUidSocket"} : Strings{}, fake.recorder.calls());
+        EXPECT_EQ("", fake.m.autoSelectIfaceCopy());
+        EXPECT_FALSE(fake.m.isAutoSelectForcePing);
+        EXPECT_FALSE(fake.m.rttDebug);
     }
 }
 
-TEST(Decision, ShortHistoryIsExplainedOnlyWhenDebugging) {
+// The list is comma-terminated, unknown names are skipped silently, a repeated
+// name stands twice, and on equal medians the name written later wins.
+TEST(AutoSelectEnable, CandidateListFromTheEnableString) {
+    const std::tuple<const char*, Strings, const char*> rows[] = {
+        {"wlan0,wlan1,", {"wlan0", "wlan1"}, "wlan1"},
+        {"wlan1,wlan0,", {"wlan1", "wlan0"}, "wlan0"},
+        {"wlan1,wlan0", {"wlan1"}, "wlan1"},
+        {",bogus,wlan0,,wlan0,", {"wlan0", "wlan0"}, "wlan0"},
+        {"wlan0", {}, "rmnet_data0"},  // the engine runs even with no candidate
+    };
+    for (const auto& [arg, named, winner] : rows) {
+        SCOPED_TRACE(arg);
+        TempPropertyFile props;
+        FakeManager fake;
+        fake.sleeper.step();
+        fake.m.selectInterface("rmnet_data0");
+        LogCapture log;
+        fake.m.enableAutoSelect(arg);
+        ASSERT_TRUE(fake.sleeper.waitForSleep(1));
+        Strings logged;
+        for (const auto& t : log.texts()) {
+            if (t.rfind("enableAutoSelect Auto select tries to start ping thread on ", 0) == 0) {
+                logged.push_back(t.substr(t.rfind(' ') + 1));
+            }
+        }
+        EXPECT_EQ(named, logged);
+        for (auto& [name, info] : fake.m.ifaceMap) {
+            EXPECT_EQ(std::count(named.begin(), named.end(), name) > 0, info->isControlByAutoSelect.load());
+        }
+        fake.history("rmnet_data0", 5, 70);
+        fake.history("wlan0", 5, 60);
+        fake.history("wlan1", 5, 60);
+        fake.sleeper.release();
+        ASSERT_TRUE(fake.sleeper.waitForSleep(2));
+        EXPECT_EQ(winner, fake.m.autoSelectIfaceCopy());
+    }
+}
+
+Strings withoutThreadIds(const Strings& texts) {
+    Strings out;
+    for (const auto& t : texts) out.push_back(std::regex_replace(t, std::regex("thread \\d+"), "thread N"));
+    return out;
+}
+
+TEST(AutoSelectThread, SwitchesAndStopsInOrderWhileSelectionWaits) {
     TempPropertyFile props;
     FakeManager fake;
-    InterfaceManagerTestPeer::setAutoSelectIface(*fake.manager, "wlan1");
-    fillHistory(fake.info("wlan1"), 4, 500);
-    fake.info("wlan1").mrtt = 500;
-    fake.info("rmnet_data3").mrtt = 5;
-    std::vector<InterfaceInfo*> list{&fake.info("rmnet_data3"), &fake.info("wlan1")};
+    fake.sleeper.step();
+    ASSERT_EQ(0, fake.m.selectInterface("wlan0"));
+    fake.recorder.clear();
     LogCapture log;
-    EXPECT_FALSE(fake->switchInterface(list));
-    EXPECT_EQ(0u, log.lines().size());
-    fake->rttDebug = true;
-    EXPECT_FALSE(fake->switchInterface(list));
-    EXPECT_TRUE(log.has("Could not make switch decision because the rtt history on wlan1 is 4/5.",
-                        ANDROID_LOG_DEBUG))
-        << log.dump();
-}
+    fake.m.enableAutoSelect("wlan0,rmnet_data0,");
+    ASSERT_TRUE(fake.sleeper.waitForSleep(1));  // no history yet: no decision
+    fake.history("wlan0", 5, 150);
+    fake.history("rmnet_data0", 5, 30);
+    fake.sleeper.release();
+    ASSERT_TRUE(fake.sleeper.waitForSleep(2));
+    EXPECT_EQ(0u, fake.info("wlan0").rttHistorySize());  // the next decision waits for fresh results
 
-// ---- the candidate list ----
-
-TEST(EnableList, CommaTerminatedReversedAndUnknownSkipped) {
-    struct Row {
-        const char* arg;
-        Strings candidates;
-    };
-    const Row rows[] = {
-        {"wlan0,rmnet_data0,", {"rmnet_data0", "wlan0"}},
-        {"wlan0,rmnet_data0", {"wlan0"}},
-        {"wlan0", {}},
-        {"", {}},
-        {",bogus,wlan1,,wlan1,", {"wlan1", "wlan1"}},
-        {"rmnet_data7,wlan1,rmnet_data0,tail", {"rmnet_data0", "wlan1", "rmnet_data7"}},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.arg);
-        TempPropertyFile props;
-        FakeManager fake(false, 100);
-        LogCapture log;
-        fake->enableAutoSelect(row.arg);
-        ASSERT_TRUE(log.waitForContaining("Auto select thread ", 5000));
-        std::set<std::string> controlled;
-        for (auto& e : fake->ifaceMap) {
-            if (e.second->isControlByAutoSelect) controlled.insert(e.first);
-        }
-        // One line per known name, in string order, and none for the rest.
-        EXPECT_EQ(row.candidates.size(),
-                  log.countContaining("enableAutoSelect Auto select tries to start ping thread on "));
-        EXPECT_EQ(0u, log.countContaining("bogus"));
-        EXPECT_TRUE(fake->isAutoSelectEnabled);
-        fake->disableAutoSelect();
-        for (auto& e : fake->ifaceMap) EXPECT_FALSE(e.second->isControlByAutoSelect);
-        ASSERT_TRUE(log.waitForContaining("is stopped", 5000));
-
-        // The engine has let go of the mutex: the list can be read now.
-        Strings names;
-        for (InterfaceInfo* info : InterfaceManagerTestPeer::autoSelectIfaces(*fake.manager)) {
-            names.push_back(info->name);
-        }
-        EXPECT_EQ(row.candidates, names);
-        EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), controlled);
-    }
-}
-
-// ---- the engine's thread, on fakes ----
-
-class Engine : public ::testing::Test {
-protected:
-    TempPropertyFile props;
-    LogCapture log;
-    FakeManager fake{false, 100};  // a 100 ms decision period takes 1 ms
-
-    void waitStopped() { ASSERT_TRUE(log.waitForContaining(" is stopped", 5000)) << log.dump(); }
-};
-
-TEST_F(Engine, SwitchesAwayAndKillsSocketsWhenStoppingElsewhere) {
-    ASSERT_EQ(0, fake->selectInterface("wlan0"));
-    fake->enableAutoSelect("wlan0,rmnet_data0,");
-    ASSERT_TRUE(fake.notifier.waitForCount(2, 5000));
-    EXPECT_EQ((Strings{"", "wlan0"}), fake.notifier.names());
-    EXPECT_EQ("wlan0", fake->autoSelectIfaceCopy());
-
-    fake.info("wlan0").mrtt = 150;
-    fake.info("wlan0").rtt = 150;
-    fake.info("rmnet_data0").mrtt = 30;
-    fillHistory(fake.info("rmnet_data0"), 5, 30);
-    fillHistory(fake.info("wlan0"), 5, 150);
-    ASSERT_TRUE(fake.notifier.waitForCount(3, 5000));
-    ASSERT_TRUE(log.waitFor("Switch to rmnet_data0", 5000)) << log.dump();
-    EXPECT_TRUE(log.has("rmnet_data0 (30ms) is better than wlan0 (150ms)"));
-    EXPECT_EQ("rmnet_data0", fake->autoSelectIfaceCopy());
-    EXPECT_TRUE(fake->isAutoSelectData());
-
-    fake->disableAutoSelect();
-    waitStopped();
-    // Histories restart after a switch so that the next decision waits.
-    EXPECT_EQ(0u, fake.info("wlan0").rttHistorySize());
-    EXPECT_EQ(0u, fake.info("rmnet_data0").rttHistorySize());
-    EXPECT_TRUE(log.has("Auto (rmnet_data0) is NOT equal to User (wlan0)")) << log.dump();
-    EXPECT_EQ((Strings{"", "wlan0", "rmnet_data0", ""}), fake.notifier.names());
-    Strings calls = fake.steering.calls();
-    calls.erase(calls.begin(), calls.begin() + 20);  // start-up
-    ASSERT_EQ(5u, calls.size());
-    EXPECT_EQ((Strings{"selectIface wlan0 nokill", "disableAutoSelect",
-                       "enableAutoSelect rmnet_data0"}),
-              Strings(calls.begin(), calls.begin() + 3));
-    // The stop races the disable call; both happen.
-    EXPECT_EQ((std::multiset<std::string>{"disableAutoSelect", "killUidSocket"}),
-              std::multiset<std::string>(calls.begin() + 3, calls.end()));
-    EXPECT_EQ("", fake->autoSelectIfaceCopy());
-    EXPECT_FALSE(fake->isAutoSelectForcePing);
-    EXPECT_FALSE(fake->isAutoSelectEnabled);
-}
-
-TEST_F(Engine, CellularReturnsToWifiAndStopsWithoutKill) {
-    ASSERT_EQ(0, fake->selectInterface("wlan0"));
-    fake->enableAutoSelect("wlan0,rmnet_data0,");
-    ASSERT_TRUE(fake.notifier.waitForCount(2, 5000));
-    fake.info("wlan0").mrtt = 150;
-    fake.info("rmnet_data0").mrtt = 30;
-    fillHistory(fake.info("rmnet_data0"), 5, 30);
-    fillHistory(fake.info("wlan0"), 5, 150);
-    ASSERT_TRUE(fake.notifier.waitForCount(3, 5000));
-    ASSERT_TRUE(waitUntil([&] { return fake.info("rmnet_data0").rttHistorySize() == 0; }, 5000));
-
-    // Cellular is best: it stays, however long we wait.
-    fillHistory(fake.info("rmnet_data0"), 5, 30);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(3u, fake.notifier.names().size());
-    // Wi-Fi becomes the best candidate: back to it.
-    fake.info("wlan0").mrtt = 25;
-    ASSERT_TRUE(fake.notifier.waitForCount(4, 5000));
-    EXPECT_EQ("wlan0", fake.notifier.names()[3]);
-
-    fake->disableAutoSelect();
-    waitStopped();
-    EXPECT_EQ(0u, log.countContaining("is NOT equal to User"));
-    for (const auto& c : fake.steering.calls()) EXPECT_NE("killUidSocket", c);
-}
-
-TEST_F(Engine, ManualSelectionWaitsForTheEngine) {
-    ASSERT_EQ(0, fake->selectInterface("wlan0"));
-    fake->enableAutoSelect("wlan0,");
-    ASSERT_TRUE(fake.notifier.waitForCount(2, 5000));
-    std::atomic<int> result{99};
-    std::thread select([&] { result = fake->selectInterface("rmnet_data1"); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(99, result.load()) << "selection ran while auto-select held the mutex";
-    fake->disableAutoSelect();
+    std::atomic<int> selected{99};
+    std::thread select([&] { selected = fake.m.selectInterface("wlan1"); });
+    EXPECT_FALSE(waitUntil([&] { return selected != 99; }, 150)) << "selection ran beside the engine";
+    fake.m.disableAutoSelect();
+    fake.sleeper.release();
     select.join();
-    EXPECT_EQ(0, result.load());
-    const Strings calls = fake.steering.calls();
-    EXPECT_NE(calls.end(), std::find(calls.begin(), calls.end(), "selectIface rmnet_data1 kill"));
+    fake.launcher.join();
+    EXPECT_EQ(0, selected);
+    EXPECT_EQ((Strings{"disableAutoSelect", "notify ", "notify wlan0", "notify rmnet_data0",
+                       "enableAutoSelect rmnet_data0", "disableAutoSelect", "notify ",
+                       "killUidSocket", "selectIface wlan1 kill"}),
+              fake.recorder.calls());
+    EXPECT_EQ((Strings{"enableAutoSelect Auto select tries to start ping thread on wlan0",
+                       "enableAutoSelect Auto select tries to start ping thread on rmnet_data0",
+                       "Auto select thread N is started",
+                       "rmnet_data0 (30ms) is better than wlan0 (150ms)", "Switch to rmnet_data0",
+                       "Auto (rmnet_data0) is NOT equal to User (wlan0)",
+                       "Auto select thread N is stopped",
+                       "selectInterface prev=wlan0, curr=wlan1, kill=1"}),
+              withoutThreadIds(log.texts()));
+    EXPECT_EQ(2u, fake.sleeper.requests().size());
+    EXPECT_EQ(100000u, fake.sleeper.requests()[0]);
 }
 
-TEST_F(Engine, ReEnableStopsTheRunningEngineFirst) {
-    ASSERT_EQ(0, fake->selectInterface("wlan1"));
-    fake->enableAutoSelect("wlan1,");
-    ASSERT_TRUE(fake.notifier.waitForCount(2, 5000));
-    fake->enableAutoSelect("wlan0,wlan1,");
-    ASSERT_TRUE(fake.notifier.waitForCount(4, 5000));
-    EXPECT_EQ((Strings{"", "wlan1", "", "wlan1"}), fake.notifier.names());
-    ASSERT_TRUE(waitUntil([&] { return log.countContaining(" is started") == 2; }, 5000));
-    Strings order;
-    for (const auto& t : log.texts()) {
-        if (t.find("Auto select thread ") == 0) order.push_back(t.substr(t.rfind(' ') + 1));
-    }
-    EXPECT_EQ((Strings{"started", "stopped", "started"}), order);
-    EXPECT_TRUE(fake.info("wlan0").isControlByAutoSelect);
-    fake->disableAutoSelect();
-}
+// Deliberately never released: the manager and the two blocked threads stay
+// for the life of the process (reachable, for leak checkers).
+FakeManager* gAbandoned = nullptr;
+std::atomic<int> gReturned{0};
 
-TEST_F(Engine, EnabledBeforeAnySelectionNeverSwitches) {
-    fake->enableAutoSelect("wlan0,rmnet_data0,");
-    ASSERT_TRUE(fake.notifier.waitForCount(2, 5000));
-    fake.info("rmnet_data0").mrtt = 5;
-    fake.info("wlan0").mrtt = 500;
-    fillHistory(fake.info("rmnet_data0"), 10, 5);
-    fillHistory(fake.info("wlan0"), 10, 500);
-    props.set(kRttDebugProperty, "1");
-    std::this_thread::sleep_for(std::chrono::milliseconds(60));
-    EXPECT_TRUE(fake->rttDebug);
-    fake->disableAutoSelect();
-    waitStopped();
-    EXPECT_EQ((Strings{"", "", ""}), fake.notifier.names());
-    EXPECT_FALSE(fake->rttDebug);  // cleared on the way out
-    EXPECT_EQ(0u, log.countContaining("is NOT equal"));
-    for (uint32_t us : fake.sleeper.requests()) EXPECT_EQ(100000u, us);
-}
-
-// ---- the engine against the real rule manager ----
-
-TEST(EngineRules, FirewallCommandsAndSocketKills) {
+TEST(AutoSelectThread, AfterAnUnknownSelectionEnableAndSelectWait) {
     TempPropertyFile props;
-    RecordingCommandExecutor commands;
-    RecordingKiller killer;
-    probemond::setSocketKiller(&killer);
-    IptablesRuleManager::resetForTest();
-    IptablesRuleManager::instance()->addUid("10077");
-    {
-        probemond::test::FakeProbes probes;
-        probemond::test::RecordingSleeper sleeper(100);
-        probemond::test::RecordingNotifier notifier;
-        InterfaceManager::Seams seams;
-        seams.probers = &probes;
-        seams.sleeper = &sleeper;
-        seams.notifier = &notifier;
-        seams.startWorkers = false;
-        auto m = InterfaceManager::create(seams);
-        ASSERT_EQ(0, m->selectInterface("wlan0"));
-        commands.clear();
-        m->enableAutoSelect("wlan0,rmnet_data0,");
-        ASSERT_TRUE(notifier.waitForCount(2, 5000));
-        m->getIfaceInfo("wlan0")->mrtt = 180;
-        m->getIfaceInfo("rmnet_data0")->mrtt = 40;
-        fillHistory(*m->getIfaceInfo("rmnet_data0"), 5, 40);
-        fillHistory(*m->getIfaceInfo("wlan0"), 5, 180);
-        ASSERT_TRUE(notifier.waitForCount(3, 5000));
-        ASSERT_TRUE(waitUntil([&] { return killer.uids().size() == 1; }, 5000));
-        m->disableAutoSelect();
-        m.reset();  // waits for the engine to stop
-    }
-    const std::string ipt = "/system/bin/iptables-wrapper-1.0 -w ";
-    EXPECT_EQ((Strings{ipt + "-t mangle -F kest_probemon_iface_auto",
-                       ipt + "-t mangle -F kest_probemon_iface_auto",
-                       ipt + "-t mangle -I kest_probemon_iface_auto -j kest_probemon_rmnet_data0",
-                       ipt + "-t mangle -F kest_probemon_iface_auto"}),
-              commands.commands());
-    // Once for the switch, once on the way back to the user's interface.
-    EXPECT_EQ((Strings{"10077", "10077"}), killer.uids());
-    probemond::setSocketKiller(nullptr);
-    IptablesRuleManager::resetForTest();
+    gAbandoned = new FakeManager;
+    InterfaceManager& m = gAbandoned->m;
+    ASSERT_EQ(0, m.selectInterface("wlan0"));
+    EXPECT_EQ(-1, m.selectInterface("eth0"));
+    gAbandoned->recorder.clear();
+    std::thread([&m] { m.enableAutoSelect("wlan1,"); ++gReturned; }).detach();
+    std::thread([&m] { m.selectInterface("wlan1"); ++gReturned; }).detach();
+    // enableAutoSelect gets as far as its unlocked disable, then waits.
+    ASSERT_TRUE(waitUntil([&] { return gAbandoned->recorder.calls().size() == 2; }));
+    EXPECT_FALSE(waitUntil([&] { return gReturned > 0 || gAbandoned->launcher.started > 0; }, 200));
+    EXPECT_EQ((Strings{"disableAutoSelect", "notify "}), gAbandoned->recorder.calls());
 }
 
 }  // namespace

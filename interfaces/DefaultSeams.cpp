@@ -1,6 +1,13 @@
-// The shipping seams: a real Ping per worker, usleep, and the rule managers.
+// The shipping seams: a real Ping per worker, usleep, the rule managers and a
+// detached auto-select thread.
+#include <pthread.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/Log.h"
 #include "interfaces/InterfaceManager.h"
 #include "netctl/IpRuleManager.h"
 #include "netctl/IptablesRuleManager.h"
@@ -52,6 +59,32 @@ public:
     int32_t delIpRule(const char* prio) override { return IpRuleManager::instance()->delIpRule(prio); }
 };
 
+class DetachedLauncher : public AutoSelectLauncher {
+public:
+    void start(std::function<void()> body) override {
+        auto* owned = new std::function<void()>(std::move(body));
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+        pthread_t thread;
+        const int rc = pthread_create(&thread, &attr, run, owned);
+        pthread_attr_destroy(&attr);
+        if (rc != 0) {
+            // Like a std::thread that cannot start in a build without exceptions.
+            LOGF("thread constructor failed");
+            fprintf(stderr, "thread constructor failed: %s\n", strerror(rc));
+            abort();
+        }
+    }
+
+private:
+    static void* run(void* arg) {
+        std::unique_ptr<std::function<void()>> body(static_cast<std::function<void()>*>(arg));
+        (*body)();
+        return nullptr;
+    }
+};
+
 }  // namespace
 
 // Never destroyed: workers may still use them while the process exits.
@@ -68,6 +101,11 @@ Sleeper& defaultSleeper() {
 SteeringControl& defaultSteering() {
     static auto* steering = new RuleManagers;
     return *steering;
+}
+
+AutoSelectLauncher& defaultLauncher() {
+    static auto* launcher = new DetachedLauncher;
+    return *launcher;
 }
 
 }  // namespace probemond::ifaces

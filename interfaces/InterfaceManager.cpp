@@ -1,25 +1,19 @@
 #include "interfaces/InterfaceManager.h"
 
 #include <android-base/unique_fd.h>
-#include <android/log.h>
-#include <cutils/properties.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "common/Log.h"
 #include "interfaces/PingWorker.h"
 
-#define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, nullptr, __VA_ARGS__)
-#define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, nullptr, __VA_ARGS__)
-
 using probemond::MutexLock;
+using probemond::readDebugFlag;
+using probemond::threadId;
 
 namespace probemond::ifaces {
 
@@ -34,27 +28,6 @@ const char* const cnPingServers[] = {"180.76.76.76",    "223.5.5.5", "114.114.11
                                      "208.67.222.222",  "114.114.115.115", "223.6.6.6",
                                      nullptr};
 const char* const globalPingServers[] = {"8.8.8.8", "1.1.1.1", "8.8.4.4", "1.0.0.1", nullptr};
-
-bool readDebugFlag(const char* property) {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(property, value, "");
-    int parsed = 0;
-    return sscanf(value, "%d", &parsed) == 1 && parsed == 1;
-}
-
-int32_t readIntProperty(const char* property, const char* defaultValue) {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(property, value, defaultValue);
-    int parsed = 0;
-    if (sscanf(value, "%d", &parsed) != 1) return 0;
-    return parsed;
-}
-
-bool countryIsCn() {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(kCountryProperty, value, "TW");
-    return strstr(value, "CN") != nullptr;
-}
 
 }  // namespace probemond::ifaces
 
@@ -72,16 +45,9 @@ constexpr int32_t kDataForcePingRtt = 200;
 constexpr int32_t kWifiForcePingRtt = 101;
 constexpr uint32_t kDecisionPeriodUs = 100000;
 
-long threadId() { return static_cast<long>(syscall(SYS_gettid)); }
-
 bool startsWithData(const std::string& name) { return name.rfind(kDataPrefix, 0) == 0; }
 
 using UniqueFd = android::base::unique_fd;
-
-struct AutoSelectStart {
-    InterfaceManager* manager;
-    std::vector<InterfaceInfo*> ifaces;
-};
 
 }  // namespace
 
@@ -111,32 +77,29 @@ std::vector<int32_t> InterfaceInfo::rttHistorySnapshot() const {
 
 // ---- start-up ----
 
-InterfaceManager::InterfaceManager(const Seams& seams)
-    : probers_(seams.probers ? seams.probers : &defaultProberFactory()),
-      sleeper_(seams.sleeper ? seams.sleeper : &defaultSleeper()),
-      notifier_(seams.notifier ? seams.notifier : &defaultNotifier()),
-      steering_(seams.steering ? seams.steering : &defaultSteering()),
-      startWorkers_(seams.startWorkers) {
+InterfaceManager::InterfaceManager(RttProberFactory& probers, Sleeper& sleeper,
+                                   AutoSelectNotifier& notifier, SteeringControl& steering,
+                                   AutoSelectLauncher& launcher)
+    : probers_(probers),
+      sleeper_(sleeper),
+      notifier_(notifier),
+      steering_(steering),
+      launcher_(launcher) {
     LOGD("%s called", "InterfaceManager");
+    initInterfaceInfoAndMap();
+    initIptablesMangleNatRules();
 }
+
+InterfaceManager::~InterfaceManager() = default;
 
 InterfaceManager* InterfaceManager::instance() {
     InterfaceManager* existing = sInstance.load(std::memory_order_acquire);
     if (existing != nullptr) return existing;
-    return build(Seams{}, true);
-}
-
-std::unique_ptr<InterfaceManager> InterfaceManager::create(const Seams& seams) {
-    return std::unique_ptr<InterfaceManager>(build(seams, false));
-}
-
-InterfaceManager* InterfaceManager::build(const Seams& seams, bool publish) {
-    auto* manager = new InterfaceManager(seams);
-    manager->initInterfaceInfoAndMap();
-    manager->initIptablesMangleNatRules();
+    auto* manager = new InterfaceManager(defaultProberFactory(), defaultSleeper(),
+                                         defaultNotifier(), defaultSteering(), defaultLauncher());
     // Published before any worker exists, so a worker asking for the
     // instance gets this one.
-    if (publish) sInstance.store(manager, std::memory_order_release);
+    sInstance.store(manager, std::memory_order_release);
     manager->initAllPingThread();
     return manager;
 }
@@ -155,7 +118,6 @@ void InterfaceManager::initInterfaceInfoAndMap() {
         info->rtt = data ? 50 : 30;
         info->mrtt = data ? 50 : 30;
         info->isWifi = !data;
-        info->manager = this;
         ifaceMap[info->name] = info.get();
         LOGD("%s interface=%s, fwmark=%s, prio=%s, ping_server=%s, ping_interval=%d",
              "initInterfaceInfoAndMap", info->name.c_str(), info->fwmark, info->prio,
@@ -168,8 +130,8 @@ void InterfaceManager::initIptablesMangleNatRules() {
     LOGD("%s called", "initIptablesMangleNatRules");
     for (auto& entry : ifaceMap) {
         InterfaceInfo* info = entry.second;
-        steering_->initMangleRules(info->name.c_str(), info->fwmark);
-        steering_->initNatRules(info->name.c_str());
+        steering_.initMangleRules(info->name.c_str(), info->fwmark);
+        steering_.initNatRules(info->name.c_str());
     }
 }
 
@@ -179,25 +141,11 @@ void InterfaceManager::initAllPingThread() {
         LOGD("%s Init ping thread on %s", "initAllPingThread", info->name.c_str());
         info->isPingThreadAlive = true;
         info->isPingThreadRunning = false;
-        bool started = false;
-        if (startWorkers_) started = pthread_create(&info->pingThread, nullptr, runPing, info) == 0;
-        workerStarted_.push_back(started);
+        workers_.push_back(
+                std::make_unique<PingWorker>(*this, *info, probers_.create(*info), sleeper_));
+        // A worker that cannot be created is not noticed; its interface never probes.
+        pthread_create(&info->pingThread, nullptr, runPing, workers_.back().get());
     }
-}
-
-InterfaceManager::~InterfaceManager() {
-    // Only managers from create() get here; the instance lives for ever.
-    isAutoSelectEnabled = false;
-    {
-        std::unique_lock<std::mutex> l(autoThreadsLock_);
-        autoThreadsDone_.wait(l, [this] { return autoThreads_ == 0; });
-    }
-    for (auto& entry : ifaceMap) entry.second->isPingThreadAlive = false;
-    size_t i = 0;
-    for (auto& entry : ifaceMap) {
-        if (workerStarted_[i++]) pthread_join(entry.second->pingThread, nullptr);
-    }
-    if (sInstance.load() == this) sInstance.store(nullptr);
 }
 
 // ---- registry ----
@@ -328,8 +276,7 @@ int32_t InterfaceManager::getInterfaceRtt(const char* iface) {
         // longer is a caller bug, and ends the process like a bounded copy.
         const size_t length = strlen(iface);
         if (length >= sizeof(request.ifr_name)) {
-            __android_log_print(ANDROID_LOG_FATAL, nullptr, "%s interface name too long: %s",
-                                "getInterfaceRtt", iface);
+            LOGF("%s interface name too long: %s", "getInterfaceRtt", iface);
             abort();
         }
         memcpy(request.ifr_name, iface, length + 1);
@@ -354,8 +301,8 @@ int32_t InterfaceManager::addInterfaceIpRule(const char* iface) {
         return -1;
     }
     // Delete first so that adding twice leaves one rule.
-    steering_->delIpRule(info->prio);
-    steering_->addIpRule(info->name.c_str(), info->fwmark, info->prio);
+    steering_.delIpRule(info->prio);
+    steering_.addIpRule(info->name.c_str(), info->fwmark, info->prio);
     return 0;
 }
 
@@ -366,7 +313,7 @@ int32_t InterfaceManager::delInterfaceIpRule(const char* iface) {
         LOGD("%s Invalid interface %s", "delInterfaceIpRule", iface);
         return -1;
     }
-    steering_->delIpRule(info->prio);
+    steering_.delIpRule(info->prio);
     return 0;
 }
 
@@ -395,7 +342,7 @@ int32_t InterfaceManager::selectInterface(const char* iface) {
         userSelectIface = curr->name;
     }
     // The first selection moves no open sockets; later ones reset them.
-    steering_->selectIface(curr->name.c_str(), prev != nullptr);
+    steering_.selectIface(curr->name.c_str(), prev != nullptr);
     ifaceMutex.unlock();
     return 0;
 }
@@ -425,69 +372,49 @@ void InterfaceManager::enableAutoSelect(const char* ifaces) {
     candidates = autoSelectIfaces;
     ifaceMutex.unlock();
     isAutoSelectEnabled = true;
-    startAutoSelectThread(std::move(candidates));
+    launcher_.start([this, list = std::move(candidates)] { runAutoSelect(list); });
 }
 
 void InterfaceManager::disableAutoSelect() {
     for (auto& entry : ifaceMap) entry.second->isControlByAutoSelect = false;
     isAutoSelectEnabled = false;
-    steering_->disableAutoSelect();
-    notifier_->notify("");
-}
-
-void InterfaceManager::startAutoSelectThread(std::vector<InterfaceInfo*> ifaces) {
-    {
-        std::lock_guard<std::mutex> g(autoThreadsLock_);
-        ++autoThreads_;
-    }
-    auto* start = new AutoSelectStart{this, std::move(ifaces)};
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_t thread;
-    const int rc = pthread_create(&thread, &attr, autoSelectThreadMain, start);
-    pthread_attr_destroy(&attr);
-    if (rc != 0) {
-        __android_log_print(ANDROID_LOG_FATAL, nullptr, "thread constructor failed");
-        fprintf(stderr, "thread constructor failed: %s\n", strerror(rc));
-        abort();
-    }
-}
-
-void* InterfaceManager::autoSelectThreadMain(void* arg) {
-    std::unique_ptr<AutoSelectStart> start(static_cast<AutoSelectStart*>(arg));
-    InterfaceManager* manager = start->manager;
-    manager->runAutoSelect(std::move(start->ifaces));
-    start.reset();
-    // Last touch of the manager: a test manager's destructor waits for it.
-    std::lock_guard<std::mutex> g(manager->autoThreadsLock_);
-    --manager->autoThreads_;
-    manager->autoThreadsDone_.notify_all();
-    return nullptr;
+    steering_.disableAutoSelect();
+    notifier_.notify("");
 }
 
 void InterfaceManager::runAutoSelect(std::vector<InterfaceInfo*> ifaces) {
     // Held for the thread's whole life: one engine at a time, and manual
     // selection waits until auto-select is off.
     ifaceMutex.lock();
+    beginAutoSelect(ifaces);
+    while (isAutoSelectEnabled) {
+        decideAutoSelect(ifaces);
+        sleeper_.sleepUs(kDecisionPeriodUs);
+    }
+    endAutoSelect();
+    ifaceMutex.unlock();
+}
+
+void InterfaceManager::beginAutoSelect(const std::vector<InterfaceInfo*>& ifaces) {
     for (InterfaceInfo* info : ifaces) info->clearRttHistory();
     const std::string user = userSelectIfaceCopy();
     setAutoSelectIface(user);
-    notifier_->notify(user);
+    notifier_.notify(user);
     LOGD("Auto select thread %ld is started", threadId());
+}
 
-    while (isAutoSelectEnabled) {
-        rttDebug = readDebugFlag(kRttDebugProperty);
-        if (switchInterface(ifaces)) {
-            const std::string chosen = autoSelectIfaceCopy();
-            LOGD("Switch to %s", chosen.c_str());
-            steering_->enableAutoSelect(chosen.c_str());
-            // Hysteresis: the next decision waits for fresh results.
-            for (InterfaceInfo* info : ifaces) info->clearRttHistory();
-        }
-        sleeper_->sleepUs(kDecisionPeriodUs);
-    }
+bool InterfaceManager::decideAutoSelect(const std::vector<InterfaceInfo*>& ifaces) {
+    rttDebug = readDebugFlag(kRttDebugProperty);
+    if (!switchInterface(ifaces)) return false;
+    const std::string chosen = autoSelectIfaceCopy();
+    LOGD("Switch to %s", chosen.c_str());
+    steering_.enableAutoSelect(chosen.c_str());
+    // Hysteresis: the next decision waits for fresh results.
+    for (InterfaceInfo* info : ifaces) info->clearRttHistory();
+    return true;
+}
 
+void InterfaceManager::endAutoSelect() {
     rttDebug = false;
     isAutoSelectForcePing = false;
     const std::string autoIface = autoSelectIfaceCopy();
@@ -495,11 +422,10 @@ void InterfaceManager::runAutoSelect(std::vector<InterfaceInfo*> ifaces) {
     if (autoIface != userIface) {
         LOGD("Auto (%s) is NOT equal to User (%s)", autoIface.c_str(), userIface.c_str());
         // The steered apps reconnect over the user's interface.
-        steering_->killUidSocket();
+        steering_.killUidSocket();
     }
     setAutoSelectIface("");
     LOGD("Auto select thread %ld is stopped", threadId());
-    ifaceMutex.unlock();
 }
 
 bool InterfaceManager::switchInterface(std::vector<InterfaceInfo*> ifaces) {
@@ -537,7 +463,7 @@ bool InterfaceManager::switchInterface(std::vector<InterfaceInfo*> ifaces) {
     LOGD("%s (%dms) is better than %s (%dms)", best->name.c_str(), static_cast<int>(best->mrtt),
          curr->name.c_str(), currMrtt);
     setAutoSelectIface(best->name);
-    notifier_->notify(best->name);
+    notifier_.notify(best->name);
     return true;
 }
 

@@ -5,7 +5,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -15,10 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "interfaces/InterfaceSeams.h"
+#include "common/Properties.h"
 #include "common/ThreadAnnotations.h"
-
-class InterfaceManager;
+#include "interfaces/InterfaceSeams.h"
 
 namespace probemond::ifaces {
 
@@ -38,12 +36,10 @@ inline constexpr const char* kCountryProperty = "vendor.kest.operator.iso-countr
 inline constexpr const char* kRttDebugProperty = "vendor.kest.probemond.rtt_debug";
 inline constexpr const char* kRttThresholdProperty = "vendor.kest.probemond.rtt_timeout_threshold";
 
-// True when the property parses with "%d" to exactly 1.
-bool readDebugFlag(const char* property);
-// The property parsed with "%d"; 0 when it does not parse.
-int32_t readIntProperty(const char* property, const char* defaultValue);
 // True when the operator country names China ("CN" anywhere, case-sensitive).
-bool countryIsCn();
+inline bool countryIsCn() { return propertyContains(kCountryProperty, "TW", "CN"); }
+
+class PingWorker;
 
 }  // namespace probemond::ifaces
 
@@ -65,9 +61,6 @@ struct InterfaceInfo {
     std::atomic<bool> isControlByAutoSelect{false};
     bool isWifi = true;
     std::atomic<uint32_t> switchCount{0};
-
-    // The manager that owns this record; fixed at start-up.
-    InterfaceManager* manager = nullptr;
 
     // Appends one result, dropping the oldest beyond ten; returns the
     // history as it then stands, oldest first.
@@ -109,16 +102,18 @@ struct InterfaceManagerSnapshot {
 
 class InterfaceManager {
 public:
-    using Seams = probemond::ifaces::InterfaceManagerSeams;
-
-    // The process's manager, built (records, iptables chains, workers) on the
-    // first call. The first call must come from one thread before any other.
+    // The process's manager on the shipping seams, built on the first call,
+    // which must come from one thread before any other. Its ten ping workers
+    // start once it is published and run for the life of the process.
     static InterfaceManager* instance();
 
-    // A manager of its own, built by the same start-up sequence but not
-    // published as the instance. Tests and tools use it; its destructor stops
-    // its workers and waits for its auto-select thread.
-    static std::unique_ptr<InterfaceManager> create(const Seams& seams);
+    // Builds the ten records and has `steering` set up each interface's
+    // chains. Starts no thread; the seams must outlive the manager.
+    InterfaceManager(probemond::ifaces::RttProberFactory& probers,
+                     probemond::ifaces::Sleeper& sleeper,
+                     probemond::ifaces::AutoSelectNotifier& notifier,
+                     probemond::ifaces::SteeringControl& steering,
+                     probemond::ifaces::AutoSelectLauncher& launcher);
     ~InterfaceManager();
     InterfaceManager(const InterfaceManager&) = delete;
     InterfaceManager& operator=(const InterfaceManager&) = delete;
@@ -143,11 +138,20 @@ public:
     bool switchInterface(std::vector<InterfaceInfo*> ifaces);
     InterfaceInfo* getCurrBestIfaceInfo(std::vector<InterfaceInfo*> ifaces);
 
+    // The auto-select thread's work, one piece per call. Its thread runs
+    // begin, one decision every 100 ms while isAutoSelectEnabled, then end,
+    // holding ifaceMutex from before begin until after end.
+    void beginAutoSelect(const std::vector<InterfaceInfo*>& ifaces);
+    // One decision; on a switch also moves the firewall and clears the
+    // candidates' histories. True when it switched.
+    bool decideAutoSelect(const std::vector<InterfaceInfo*>& ifaces);
+    void endAutoSelect();
+
     std::string userSelectIfaceCopy() const;
     std::string autoSelectIfaceCopy() const;
     InterfaceManagerSnapshot snapshot() const;
 
-    // Name to record, ordered by name; fixed once start-up has built it.
+    // Name to record, ordered by name; fixed once the constructor has built it.
     std::map<std::string, InterfaceInfo*> ifaceMap;
     std::atomic<bool> isAutoSelectForcePing{false};
     std::atomic<bool> isAutoSelectEnabled{false};
@@ -157,21 +161,12 @@ public:
     std::atomic<uint32_t> cnServerIndex{0};
     std::atomic<uint32_t> globalServerIndex{0};
 
-    probemond::ifaces::Sleeper& sleeper() const { return *sleeper_; }
-    probemond::ifaces::RttProberFactory& proberFactory() const { return *probers_; }
-
 private:
-    explicit InterfaceManager(const Seams& seams);
-    static InterfaceManager* build(const Seams& seams, bool publish);
     void initInterfaceInfoAndMap();
     void initIptablesMangleNatRules();
     void initAllPingThread();
-    void startAutoSelectThread(std::vector<InterfaceInfo*> ifaces);
     void runAutoSelect(std::vector<InterfaceInfo*> ifaces);
-    static void* autoSelectThreadMain(void* arg);
     void setAutoSelectIface(const std::string& name);
-
-    friend class InterfaceManagerTestPeer;
 
     mutable probemond::Mutex selectionLock_;
     std::string userSelectIface PM_GUARDED_BY(selectionLock_);
@@ -181,17 +176,12 @@ private:
     probemond::PosixMutex ifaceMutex;
     std::vector<InterfaceInfo*> autoSelectIfaces PM_GUARDED_BY(ifaceMutex);
 
-    probemond::ifaces::RttProberFactory* probers_;
-    probemond::ifaces::Sleeper* sleeper_;
-    probemond::ifaces::AutoSelectNotifier* notifier_;
-    probemond::ifaces::SteeringControl* steering_;
-    bool startWorkers_;
+    probemond::ifaces::RttProberFactory& probers_;
+    probemond::ifaces::Sleeper& sleeper_;
+    probemond::ifaces::AutoSelectNotifier& notifier_;
+    probemond::ifaces::SteeringControl& steering_;
+    probemond::ifaces::AutoSelectLauncher& launcher_;
 
     std::vector<std::unique_ptr<InterfaceInfo>> records_;
-    std::vector<bool> workerStarted_;
-
-    // Auto-select threads not yet finished, so a destroyed manager can wait.
-    std::mutex autoThreadsLock_;
-    std::condition_variable autoThreadsDone_;
-    int autoThreads_ = 0;
+    std::vector<std::unique_ptr<probemond::ifaces::PingWorker>> workers_;
 };

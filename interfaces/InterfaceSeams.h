@@ -1,9 +1,10 @@
-// The interface manager's seams: the probe, the sleeper, the client callback
-// and the firewall/routing calls. Each has a real default; tests hand in
-// doubles when they build a manager of their own.
+// The interface manager's seams: the probe, the sleeper, the client callback,
+// the firewall/routing calls and the auto-select thread's start. Each has a
+// real default; tests hand in doubles when they build a manager of their own.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -22,7 +23,7 @@ public:
 class RttProberFactory {
 public:
     virtual ~RttProberFactory() = default;
-    // Called once on the worker's own thread when it starts.
+    // Called once per worker, when the worker is set up.
     virtual std::unique_ptr<RttProber> create(const InterfaceInfo& info) = 0;
 };
 
@@ -53,21 +54,20 @@ public:
     virtual int32_t delIpRule(const char* prio) = 0;
 };
 
+// Starts the auto-select thread; the shipping one is detached.
+class AutoSelectLauncher {
+public:
+    virtual ~AutoSelectLauncher() = default;
+    virtual void start(std::function<void()> body) = 0;
+};
+
 // The shipping implementations: Ping, usleep,
-// IKestNetworkProbeMonCallback::notify, IptablesRuleManager/IpRuleManager.
+// IKestNetworkProbeMonCallback::notify, IptablesRuleManager/IpRuleManager,
+// and a detached thread whose failed creation ends the process.
 RttProberFactory& defaultProberFactory();
 Sleeper& defaultSleeper();
 AutoSelectNotifier& defaultNotifier();
 SteeringControl& defaultSteering();
-
-// What a manager is built with; a null member means the default.
-struct InterfaceManagerSeams {
-    RttProberFactory* probers = nullptr;
-    Sleeper* sleeper = nullptr;
-    AutoSelectNotifier* notifier = nullptr;
-    SteeringControl* steering = nullptr;
-    // Whether start-up creates the ten ping worker threads.
-    bool startWorkers = true;
-};
+AutoSelectLauncher& defaultLauncher();
 
 }  // namespace probemond::ifaces

@@ -1,22 +1,13 @@
 #include "interfaces/PingWorker.h"
 
-#include <android/log.h>
 #include <sched.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 
-#define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, nullptr, __VA_ARGS__)
+#include "common/Log.h"
 
 namespace probemond::ifaces {
-
-namespace {
-
-long threadId() { return static_cast<long>(syscall(SYS_gettid)); }
-
-}  // namespace
 
 bool shouldProbe(const ProbeFlags& f) {
     if (f.running) return true;
@@ -63,6 +54,14 @@ std::string rttText(const std::vector<int32_t>& arrival, const std::vector<int32
 PingWorker::PingWorker(InterfaceManager& manager, InterfaceInfo& info,
                        std::unique_ptr<RttProber> prober, Sleeper& sleeper)
     : manager_(manager), info_(info), prober_(std::move(prober)), sleeper_(sleeper) {}
+
+InterfaceInfo* PingWorker::run() {
+    announce();
+    if (!info_.isPingThreadAlive) return &info_;
+    while (runCycle()) {
+    }
+    return &info_;
+}
 
 void PingWorker::announce() {
     // All workers share CPU 0 so that their timing does not wander.
@@ -158,14 +157,4 @@ void PingWorker::switchServer() {
 
 }  // namespace probemond::ifaces
 
-void* runPing(void* arg) {
-    using namespace probemond::ifaces;
-    auto* info = static_cast<InterfaceInfo*>(arg);
-    InterfaceManager& manager = *info->manager;
-    PingWorker worker(manager, *info, manager.proberFactory().create(*info), manager.sleeper());
-    worker.announce();
-    if (!info->isPingThreadAlive) return info;
-    while (worker.runCycle()) {
-    }
-    return info;
-}
+void* runPing(void* arg) { return static_cast<probemond::ifaces::PingWorker*>(arg)->run(); }

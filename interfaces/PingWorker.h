@@ -41,12 +41,13 @@ public:
     PingWorker(InterfaceManager& manager, InterfaceInfo& info, std::unique_ptr<RttProber> prober,
                Sleeper& sleeper);
 
+    // The thread's whole life: announce, then cycles while alive. Returns
+    // the record.
+    InterfaceInfo* run();
     // Pins the thread to CPU 0 and logs the start line.
     void announce();
     // One cycle, its sleep included. False when the worker is to end.
     bool runCycle();
-
-    int32_t probeElapsed() const { return probeElapsed_; }
 
 private:
     void probeOnce();
@@ -61,6 +62,6 @@ private:
 
 }  // namespace probemond::ifaces
 
-// Thread body of a ping worker; `arg` is the record. Returns the record if
-// the worker ever ends.
+// Thread body of a ping worker; `arg` is its PingWorker. Returns the record
+// if the worker ever ends.
 void* runPing(void* arg);

@@ -2,8 +2,6 @@
 
 #include <android-base/unique_fd.h>
 #include <arpa/inet.h>
-#include <cutils/properties.h>
-#include <log/log.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -12,9 +10,10 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
+#include "common/Log.h"
+#include "common/Properties.h"
 #include "probe/IcmpPacket.h"
 
 namespace {
@@ -27,22 +26,7 @@ constexpr int kResolveAttempts = 3;
 // Shared by every ping worker; last writer wins.
 std::atomic<bool> pingDebugEnabled{false};
 
-int readIntProperty(const char* key, const char* fallback) {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(key, value, fallback);
-    int parsed = 0;
-    if (sscanf(value, "%d", &parsed) != 1) parsed = 0;
-    return parsed;
-}
-
-int readTimeout() { return readIntProperty(kTimeoutProperty, kTimeoutDefault); }
-
-void refreshDebug() {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(kDebugProperty, value, "");
-    int parsed = 0;
-    pingDebugEnabled.store(sscanf(value, "%d", &parsed) == 1 && parsed == 1);
-}
+int readTimeout() { return probemond::readIntProperty(kTimeoutProperty, kTimeoutDefault); }
 
 // strerror's buffer is shared between threads; several workers log at once.
 const char* errorText(int err, char* buf, size_t len) { return strerror_r(err, buf, len); }
@@ -82,14 +66,14 @@ int32_t Ping::ping(const char* iface, const char* server) {
     int32_t result = readTimeout();
 
     if (iface == nullptr || server == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "interface or server is null");
+        LOGE("interface or server is null");
         return result;
     }
 
     SocketFd sock(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP));
     if (setsockopt(sock.get(), SOL_SOCKET, SO_BINDTODEVICE, iface,
                    static_cast<socklen_t>(strlen(iface) + 1)) < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to bind socket on %s", iface);
+        LOGE("Failed to bind socket on %s", iface);
         return result;
     }
 
@@ -99,9 +83,8 @@ int32_t Ping::ping(const char* iface, const char* server) {
         found = resolve(server, &resolved);
     }
     if (!found) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to get host name of %s", iface);
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to init destination address on %s",
-                            iface);
+        LOGE("Failed to get host name of %s", iface);
+        LOGE("Failed to init destination address on %s", iface);
         return result;
     }
 
@@ -120,21 +103,19 @@ int32_t Ping::ping(const char* iface, const char* server) {
     // Only 0 counts as a failed send; -1 is left to end by timeout.
     if (sendto(sock.get(), request, sizeof(request), 0, reinterpret_cast<sockaddr*>(&destination),
                sizeof(destination)) == 0) {
-        __android_log_print(ANDROID_LOG_WARN, nullptr, "Failed to send ICMP request on %s", iface);
+        LOGW("Failed to send ICMP request on %s", iface);
     } else {
         for (;;) {
             const int timeoutMs = readTimeout();
             if (waitReadable(sock.get(), timeoutMs) < 1) {
-                __android_log_print(ANDROID_LOG_WARN, nullptr,
-                                    "Failed to read socket or timeout on %s", iface);
+                LOGW("Failed to read socket or timeout on %s", iface);
                 break;
             }
             if (recvfrom(sock.get(), received, sizeof(received), 0, nullptr, nullptr) < 1) {
-                __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to recv on %s (%s)", iface,
-                                    errorText(errno, errBuf, sizeof(errBuf)));
+                LOGE("Failed to recv on %s (%s)", iface, errorText(errno, errBuf, sizeof(errBuf)));
                 continue;
             }
-            refreshDebug();
+            pingDebugEnabled.store(probemond::readDebugFlag(kDebugProperty));
             timeval arrived{};
             gettimeofday(&arrived, nullptr);
 
@@ -143,19 +124,16 @@ int32_t Ping::ping(const char* iface, const char* server) {
             const bool debug = pingDebugEnabled.load();
             switch (reply.verdict) {
                 case icmp::Verdict::kForeignSource:
-                    if (debug) {
-                        __android_log_print(ANDROID_LOG_ERROR, nullptr,
-                                            "Source does not equal to our destination.");
-                    }
+                    if (debug) LOGE("Source does not equal to our destination.");
                     break;
                 case icmp::Verdict::kWrongSequence:
-                    __android_log_print(ANDROID_LOG_ERROR, nullptr, "Wrong sequence number.");
+                    LOGE("Wrong sequence number.");
                     break;
                 case icmp::Verdict::kNotEchoReply:
-                    __android_log_print(ANDROID_LOG_ERROR, nullptr, "ICMP code: %d", reply.code);
+                    LOGE("ICMP code: %d", reply.code);
                     break;
                 case icmp::Verdict::kBadChecksum:
-                    __android_log_print(ANDROID_LOG_ERROR, nullptr, "Wrong checksum.");
+                    LOGE("Wrong checksum.");
                     break;
                 default:
                     break;
@@ -171,17 +149,14 @@ int32_t Ping::ping(const char* iface, const char* server) {
                 inet_ntop(AF_INET, &reply.sourceRaw, sourceText, sizeof(sourceText));
                 char destinationText[16] = {};
                 inet_ntop(AF_INET, &destination.sin_addr, destinationText, sizeof(destinationText));
-                __android_log_print(ANDROID_LOG_ERROR, nullptr,
-                                    "%d, %d, %s (%u), %s (%u), %u, %u, %d, %d, %d", reply.type,
-                                    reply.code, sourceText, reply.sourceRaw, destinationText,
-                                    destination.sin_addr.s_addr,
-                                    static_cast<unsigned>(sequenceNumber),
-                                    static_cast<unsigned>(reply.sequence), reply.secondsMs,
-                                    reply.microsMs, reply.rtt);
+                LOGE("%d, %d, %s (%u), %s (%u), %u, %u, %d, %d, %d", reply.type, reply.code,
+                     sourceText, reply.sourceRaw, destinationText, destination.sin_addr.s_addr,
+                     static_cast<unsigned>(sequenceNumber), static_cast<unsigned>(reply.sequence),
+                     reply.secondsMs, reply.microsMs, reply.rtt);
             }
             result = readTimeout();
-            __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to parseICMPReply on %s (%s)",
-                                iface, errorText(errno, errBuf, sizeof(errBuf)));
+            LOGE("Failed to parseICMPReply on %s (%s)", iface,
+                 errorText(errno, errBuf, sizeof(errBuf)));
         }
     }
 

@@ -1,0 +1,19 @@
+// Log lines go to the Android log without a tag of our own, so the logging
+// library's default tag for the process applies.
+#pragma once
+
+#include <android/log.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, nullptr, __VA_ARGS__)
+#define LOGW(...) __android_log_print(ANDROID_LOG_WARN, nullptr, __VA_ARGS__)
+#define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, nullptr, __VA_ARGS__)
+#define LOGF(...) __android_log_print(ANDROID_LOG_FATAL, nullptr, __VA_ARGS__)
+
+namespace probemond {
+
+// The kernel's id of the calling thread, as the log lines show it.
+inline long threadId() { return static_cast<long>(syscall(SYS_gettid)); }
+
+}  // namespace probemond
