@@ -180,8 +180,9 @@ int main(int argc, char** argv) {
         const double k = msSince(t0);
         if (reopen(slots, &ok) != static_cast<int>(slots.size())) allDestroyed = false;
         const auto f0 = std::chrono::steady_clock::now();
+        static probemond::PopenCommandExecutor runner;
         for (const std::string& cmd : selectionCommands(iface))
-            commandsOk = runWrapperCommand(cmd.c_str(), "cannot run %s") && commandsOk;
+            commandsOk = runWrapperCommand(runner, cmd.c_str(), "cannot run %s") && commandsOk;
         const double f = msSince(f0);
         const double n = timedCall(ctl, "rtt", "wlan0");
         if (!ok || n < 0 || !commandsOk) {

@@ -25,15 +25,10 @@
 using android::KestNetworkProbeMond;
 using android::sp;
 using probemond::test::LogCapture;
-using probemond::test::RecordingCommandExecutor;
+using probemond::test::RecordingWrapperTools;
 using probemond::test::TempPropertyFile;
 
 namespace {
-
-class NoSocketKiller : public probemond::SocketKiller {
-public:
-    int32_t killUidSockets(const char*) override { return 0; }
-};
 
 std::string readAll(int fd) {
     std::string out;
@@ -56,10 +51,8 @@ protected:
         ASSERT_NE(mkdtemp(dir), nullptr);
         binderDir_ = dir;
         setenv("PROBEMOND_BINDER_DIR", dir, 1);
-        previousKiller_ = probemond::setSocketKiller(&killer_);
     }
     void TearDown() override {
-        probemond::setSocketKiller(previousKiller_);
         // Sockets of the registered service may remain; the directory is private.
         std::string cmd = "rm -rf '" + binderDir_ + "'";
         ASSERT_EQ(system(cmd.c_str()), 0);
@@ -95,10 +88,8 @@ protected:
     }
 
     TempPropertyFile props_;
-    RecordingCommandExecutor commands_;
+    RecordingWrapperTools commands_;
     LogCapture log_;
-    NoSocketKiller killer_;
-    probemond::SocketKiller* previousKiller_ = nullptr;
     std::string binderDir_;
 };
 

@@ -5,22 +5,24 @@
 #include <cstdint>
 
 #include "common/ThreadAnnotations.h"
+#include "netctl/WrapperCommand.h"
 
 class IpRuleManager {
 public:
+    // The process-wide manager, built once on the popen runner.
     static IpRuleManager* instance();
+
+    // `executor` must outlive the manager.
+    explicit IpRuleManager(probemond::CommandExecutor& executor);
+    IpRuleManager(const IpRuleManager&) = delete;
+    IpRuleManager& operator=(const IpRuleManager&) = delete;
 
     // 0 when the add command could be started, -1 otherwise.
     int32_t addIpRule(const char* table, const char* fwmark, const char* prio) PM_EXCLUDES(mMutex);
     // 0 when the delete command could be started, -1 otherwise.
     int32_t delIpRule(const char* prio) PM_EXCLUDES(mMutex);
 
-    // Tests only: the next instance() builds a fresh manager. The old one is
-    // kept alive, never destroyed.
-    static void resetForTest();
-
 private:
-    IpRuleManager() = default;
-
+    probemond::CommandExecutor& mExecutor;
     probemond::Mutex mMutex;
 };

@@ -1,8 +1,6 @@
 #include "netctl/IptablesRuleManager.h"
 
-#include <atomic>
 #include <cstring>
-#include <mutex>
 
 #include <android/log.h>
 
@@ -15,44 +13,11 @@ using probemond::formatBounded;
 using probemond::kChainNameSize;
 using probemond::kCommandSize;
 
-namespace probemond {
-namespace {
-
-class KernelSocketKiller : public SocketKiller {
-public:
-    int32_t killUidSockets(const char* uid) override { return ::killUidSockets(uid); }
-};
-
-KernelSocketKiller gKernelKiller;
-std::atomic<SocketKiller*> gKiller{&gKernelKiller};
-
-}  // namespace
-
-SocketKiller* setSocketKiller(SocketKiller* killer) {
-    SocketKiller* previous = gKiller.exchange(killer != nullptr ? killer : &gKernelKiller);
-    return previous == &gKernelKiller ? nullptr : previous;
-}
-
-}  // namespace probemond
+int32_t probemond::KernelSocketKiller::killUidSockets(const char* uid) { return ::killUidSockets(uid); }
 
 namespace {
-
-std::atomic<IptablesRuleManager*> sInstance{nullptr};
 
 #define IPTABLES "/system/bin/iptables-wrapper-1.0 -w "
-
-void run(const char* command) { runWrapperCommand(command, kIptablesCommandFailure); }
-
-void runFormatted(const char* fmt, const char* arg) __attribute__((format(printf, 1, 0)));
-void runFormatted(const char* fmt, const char* arg) {
-    char cmd[kCommandSize];
-    memset(cmd, 0, sizeof(cmd));
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    formatBounded(cmd, sizeof(cmd), fmt, arg);
-#pragma GCC diagnostic pop
-    run(cmd);
-}
 
 bool refuseBadUid(const char* caller, const char* uid) {
     if (probemond::isValidUidText(uid)) return false;
@@ -64,32 +29,15 @@ bool refuseBadUid(const char* caller, const char* uid) {
 }  // namespace
 
 IptablesRuleManager* IptablesRuleManager::instance() {
-    IptablesRuleManager* existing = sInstance.load();
-    if (existing != nullptr) return existing;
+    // Never destroyed: threads that outlive main may still use it.
+    static IptablesRuleManager* const sInstance =
+            new IptablesRuleManager(*new probemond::PopenCommandExecutor(), *new probemond::KernelSocketKiller());
+    return sInstance;
+}
+
+IptablesRuleManager::IptablesRuleManager(probemond::CommandExecutor& executor, probemond::SocketKiller& killer)
+    : mExecutor(executor), mKiller(killer) {
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s called", "IptablesRuleManager");
-    IptablesRuleManager* created = new IptablesRuleManager();
-    created->createChains();
-    sInstance.store(created);
-    return created;
-}
-
-void IptablesRuleManager::resetForTest() {
-    // A test may leave the mutex held on purpose; destroying it then is not allowed.
-    static std::mutex retiredLock;
-    static auto* retired = new std::vector<IptablesRuleManager*>();  // never destroyed: outlives exit-time leak checks
-    IptablesRuleManager* old = sInstance.exchange(nullptr);
-    if (old == nullptr) return;
-    std::lock_guard<std::mutex> g(retiredLock);
-    retired->push_back(old);
-}
-
-bool IptablesRuleManager::mutexHeldForTest() {
-    if (!mMutex.try_lock()) return true;
-    mMutex.unlock();
-    return false;
-}
-
-void IptablesRuleManager::createChains() {
     probemond::MutexLock lock(mMutex);
     // A restarted daemon finds its chains: -N fails harmlessly and -F empties them.
     run(IPTABLES "-t mangle -N kest_probemon_uid");
@@ -111,6 +59,20 @@ void IptablesRuleManager::createChains() {
     run(IPTABLES "-t nat -A POSTROUTING -j kest_probemon_snat");
     run(IPTABLES "-t nat -N kest_masquerade");
     run(IPTABLES "-t nat -F kest_masquerade");
+}
+
+void IptablesRuleManager::run(const char* command) {
+    runWrapperCommand(mExecutor, command, kIptablesCommandFailure);
+}
+
+void IptablesRuleManager::runFormatted(const char* fmt, const char* arg) {
+    char cmd[kCommandSize];
+    memset(cmd, 0, sizeof(cmd));
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    formatBounded(cmd, sizeof(cmd), fmt, arg);
+#pragma GCC diagnostic pop
+    run(cmd);
 }
 
 void IptablesRuleManager::initMangleRules(const char* iface, const char* mark) {
@@ -219,7 +181,7 @@ void IptablesRuleManager::killListedUidSockets(const char* caller) {
     // Copy first: a socket kill can be slow and must not block addUid's list update.
     std::vector<std::string> uids = uidListSnapshot();
     for (const std::string& uid : uids) {
-        if (probemond::gKiller.load()->killUidSockets(uid.c_str()) != 0) {
+        if (mKiller.killUidSockets(uid.c_str()) != 0) {
             __android_log_print(ANDROID_LOG_ERROR, nullptr, "%s Failed to kill sockets of uid : %s", caller,
                                 uid.c_str());
         }

@@ -7,27 +7,36 @@
 #include <vector>
 
 #include "common/ThreadAnnotations.h"
+#include "netctl/WrapperCommand.h"
 
 namespace probemond {
 
-// Seam under the socket destruction done after a steering change. The
-// default calls killUidSockets(); tests install a recorder so that no real
-// socket of the host is touched.
+// Destroys one UID's sockets after a steering change.
 class SocketKiller {
 public:
     virtual ~SocketKiller() = default;
+    // 0, or non-zero when the sockets could not be destroyed.
     virtual int32_t killUidSockets(const char* uid) = 0;
 };
 
-// Installs `killer` (nullptr restores the default); returns the previous one.
-SocketKiller* setSocketKiller(SocketKiller* killer);
+// The real one: killUidSockets() through NETLINK_SOCK_DIAG.
+class KernelSocketKiller : public SocketKiller {
+public:
+    int32_t killUidSockets(const char* uid) override;
+};
 
 }  // namespace probemond
 
 class IptablesRuleManager {
 public:
-    // Creates the manager and its chain tree on first call.
+    // The process-wide manager, built with its chain tree on first call, on
+    // the popen runner and the kernel socket killer.
     static IptablesRuleManager* instance();
+
+    // Builds the chain tree. `executor` and `killer` must outlive the manager.
+    IptablesRuleManager(probemond::CommandExecutor& executor, probemond::SocketKiller& killer);
+    IptablesRuleManager(const IptablesRuleManager&) = delete;
+    IptablesRuleManager& operator=(const IptablesRuleManager&) = delete;
 
     void initMangleRules(const char* iface, const char* mark) PM_EXCLUDES(mMutex);
     void initNatRules(const char* iface) PM_EXCLUDES(mMutex);
@@ -45,17 +54,13 @@ public:
     // a failed selectIface leaves held.
     std::vector<std::string> uidListSnapshot() const PM_EXCLUDES(mUidListLock);
 
-    // Tests only: the next instance() builds a fresh manager (and issues the
-    // creation commands again). The old one is kept alive, never destroyed.
-    static void resetForTest();
-    // Tests only: whether another thread holds the manager's mutex.
-    bool mutexHeldForTest() PM_NO_THREAD_SAFETY_ANALYSIS;
-
 private:
-    IptablesRuleManager() = default;
-    void createChains() PM_EXCLUDES(mMutex);
+    void run(const char* command);
+    void runFormatted(const char* fmt, const char* arg) __attribute__((format(printf, 2, 0)));
     void killListedUidSockets(const char* caller) PM_EXCLUDES(mUidListLock);
 
+    probemond::CommandExecutor& mExecutor;
+    probemond::SocketKiller& mKiller;
     probemond::Mutex mMutex;  // serialises command sequences
     mutable probemond::Mutex mUidListLock;  // short: never held across a command or a socket kill
     std::vector<std::string> uidList PM_GUARDED_BY(mUidListLock);

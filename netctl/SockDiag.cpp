@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <utility>
 
 #include <android/log.h>
 
@@ -20,12 +22,15 @@ namespace {
 constexpr size_t kReadSize = 8192;
 constexpr size_t kHeaderSize = sizeof(nlmsghdr);
 
-// Netlink header plus the kernel's error record (code and failed header).
-struct ErrorProbe {
-    nlmsghdr nlh;
-    nlmsgerr err;
-} __attribute__((packed));
-static_assert(sizeof(nlmsghdr) + sizeof(int32_t) + sizeof(nlmsghdr) == 36, "error probe size");
+// strerror_r comes as GNU (returns the text) or XSI (fills the buffer).
+[[maybe_unused]] const char* errorText(const char* text, const char*) { return text; }
+[[maybe_unused]] const char* errorText(int, const char* buf) { return buf; }
+
+// strerror's text, without its shared buffer.
+std::string errnoText(int err) {
+    char buf[128] = {};
+    return errorText(strerror_r(err, buf, sizeof(buf)), buf);
+}
 
 // Peeks at what the kernel queued on `fd`; consumes it only when it is an
 // error record. Nothing queued is success: destroy requests ask for no ack.
@@ -122,26 +127,23 @@ bool isLoopbackSocket(const inet_diag_msg& msg) {
     return false;
 }
 
-void SockDiag::closeSocks() {
-    if (mSock != -1) close(mSock);
-    if (mWriteSock != -1) close(mWriteSock);
-    mSock = mWriteSock = -1;
-}
+SockDiag::SockDiag(android::base::unique_fd sock, android::base::unique_fd writeSock)
+    : mSock(std::move(sock)), mWriteSock(std::move(writeSock)) {}
 
 bool SockDiag::open() {
-    closeSocks();
-    mSock = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
-    mWriteSock = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    mSock.reset(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+    mWriteSock.reset(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     sockaddr_nl kernel;
     memset(&kernel, 0, sizeof(kernel));
     kernel.nl_family = AF_NETLINK;
     const sockaddr* addr = reinterpret_cast<const sockaddr*>(&kernel);
-    if (mSock == -1 || mWriteSock == -1 || connect(mSock, addr, sizeof(kernel)) == -1 ||
-        connect(mWriteSock, addr, sizeof(kernel)) == -1) {
+    if (mSock.get() == -1 || mWriteSock.get() == -1 || connect(mSock.get(), addr, sizeof(kernel)) == -1 ||
+        connect(mWriteSock.get(), addr, sizeof(kernel)) == -1) {
         const int saved = errno;
-        closeSocks();
+        mSock.reset();
+        mWriteSock.reset();
         __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to open NETLINK_SOCK_DIAG socket: %s",
-                            strerror(saved));
+                            errnoText(saved).c_str());
         return false;
     }
     return true;
@@ -160,19 +162,19 @@ int SockDiag::sendDumpRequest(uint8_t proto, uint8_t family, uint8_t extensions,
     request.nlh.nlmsg_len = static_cast<uint32_t>(total);
     iov[0].iov_base = &request;
     iov[0].iov_len = sizeof(request);
-    ssize_t sent = writev(mSock, iov, iovcnt);
+    ssize_t sent = writev(mSock.get(), iov, iovcnt);
     if (sent != static_cast<ssize_t>(total)) return -errno;
-    return checkError(mSock);
+    return checkError(mSock.get());
 }
 
 void SockDiag::sockDestroy(uint8_t proto, const inet_diag_msg* msg) {
     SockDiagRequest request = makeDestroyRequest(proto, *msg);
-    ssize_t n = write(mWriteSock, &request, sizeof(request));
+    ssize_t n = write(mWriteSock.get(), &request, sizeof(request));
     if (n < static_cast<ssize_t>(sizeof(request))) {
         __android_log_print(ANDROID_LOG_ERROR, nullptr, "FAILED sockDestroy in write");
         return;
     }
-    if (checkError(mWriteSock) == 0) ++mSocketsDestroyed;
+    if (checkError(mWriteSock.get()) == 0) ++mSocketsDestroyed;
 }
 
 int SockDiag::readDiagMsg(uint8_t proto, const DestroyFilter& callback) {
@@ -183,7 +185,7 @@ int SockDiag::readDiagMsg(uint8_t proto, const DestroyFilter& callback) {
     alignas(nlmsghdr) uint8_t buf[kReadSize];
     for (;;) {
         memset(buf, 0, sizeof(buf));
-        ssize_t n = read(mSock, buf, sizeof(buf));
+        ssize_t n = read(mSock.get(), buf, sizeof(buf));
         if (n < 0) return -errno;
         if (n == 0) return 0;
         DiagWalk walk = walkDiagMessages(buf, static_cast<size_t>(n), handler);
@@ -207,13 +209,13 @@ int SockDiag::destroySockets(uint8_t proto, uint32_t uid, bool excludeLoopback) 
         int r = sendDumpRequest(proto, pass.family, 0, kDumpStates, iov, 1);
         if (r != 0) {
             __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to dump %s sockets for UID: %s", pass.name,
-                                strerror(-r));
+                                errnoText(-r).c_str());
             return r;
         }
         r = readDiagMsg(proto, filter);
         if (r != 0) {
             __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to destroy %s sockets for UID: %s", pass.name,
-                                strerror(-r));
+                                errnoText(-r).c_str());
             return r;
         }
     }
@@ -227,18 +229,28 @@ int SockDiag::destroySockets(uint8_t proto, uint32_t uid, bool excludeLoopback) 
 }  // namespace net
 }  // namespace android
 
+namespace android {
+namespace net {
+
+int32_t SockDiag::killUid(const char* uid) {
+    // Text that is not a number becomes UID 0; callers validate UIDs first.
+    int r = destroySockets(IPPROTO_TCP, static_cast<uint32_t>(atoi(uid)), false);
+    if (r < 0) {
+        // The text of the negative code on purpose: the log has always shown it this way.
+        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to destroy TCP sockets: %s", errnoText(r).c_str());
+    }
+    r = destroySockets(IPPROTO_UDP, static_cast<uint32_t>(atoi(uid)), false);
+    if (r < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to destroy UDP sockets: %s", errnoText(r).c_str());
+    }
+    return r;
+}
+
+}  // namespace net
+}  // namespace android
+
 int32_t killUidSockets(const char* uid) {
     android::net::SockDiag sd;
     if (!sd.open()) return -1;
-    // Text that is not a number becomes UID 0; callers validate UIDs first.
-    int r = sd.destroySockets(IPPROTO_TCP, static_cast<uint32_t>(atoi(uid)), false);
-    if (r < 0) {
-        // strerror of the negative code on purpose: the log has always shown it this way.
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to destroy TCP sockets: %s", strerror(r));
-    }
-    r = sd.destroySockets(IPPROTO_UDP, static_cast<uint32_t>(atoi(uid)), false);
-    if (r < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to destroy UDP sockets: %s", strerror(r));
-    }
-    return r;
+    return sd.killUid(uid);
 }

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <functional>
 
+#include <android-base/unique_fd.h>
+
 // uid as decimal text (not validated here: text that is not a number means
 // UID 0). -1 when the netlink sockets cannot be set up, otherwise the result
 // of the UDP pass (0 or a negative errno).
@@ -51,13 +53,18 @@ public:
     // Returns true when the socket is to be destroyed.
     using DestroyFilter = std::function<bool(uint8_t proto, const inet_diag_msg* msg)>;
 
+    // No sockets yet: open() connects to the kernel.
     SockDiag() = default;
-    ~SockDiag() { closeSocks(); }
+    // Sockets already open: `sock` carries dumps and their replies,
+    // `writeSock` destroy requests.
+    SockDiag(android::base::unique_fd sock, android::base::unique_fd writeSock);
     SockDiag(const SockDiag&) = delete;
     SockDiag& operator=(const SockDiag&) = delete;
 
-    // Opens and connects both netlink sockets; logs and closes both on failure.
+    // Opens and connects both NETLINK_SOCK_DIAG sockets; logs and closes both on failure.
     bool open();
+    // The TCP then the UDP pass of killUidSockets() on these sockets.
+    int32_t killUid(const char* uid);
     int destroySockets(uint8_t proto, uint32_t uid, bool excludeLoopback);
     // iov[0] is filled with the request itself; further elements (none in
     // this daemon) would follow it. iov may be null when iovcnt is 0.
@@ -67,10 +74,9 @@ public:
 
 private:
     void sockDestroy(uint8_t proto, const inet_diag_msg* msg);
-    void closeSocks();
 
-    int32_t mSock = -1;
-    int32_t mWriteSock = -1;
+    android::base::unique_fd mSock;
+    android::base::unique_fd mWriteSock;
     int32_t mSocketsDestroyed = 0;
 };
 

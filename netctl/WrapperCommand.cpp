@@ -1,6 +1,5 @@
 #include "netctl/WrapperCommand.h"
 
-#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -29,38 +28,27 @@ const char* hostCommand(const char* command, char* mapped, size_t size) {
 }
 #endif
 
-class PopenExecutor : public CommandExecutor {
-public:
-    bool execute(const char* command, const std::function<void(const char*)>& onOutput) override {
-#ifdef PROBEMOND_HOST
-        char mapped[kCommandSize + PATH_MAX];
-        command = hostCommand(command, mapped, sizeof(mapped));
-#endif
-        // "e": the read end must not leak into commands started concurrently by the other manager.
-        FILE* out = popen(command, "re");
-        if (out == nullptr) return false;
-        char line[kOutputLineSize];
-        memset(line, 0, sizeof(line));
-        while (fgets(line, sizeof(line), out) != nullptr) onOutput(line);
-        pclose(out);  // the tools' exit status tells nothing the daemon acts on
-        return true;
-    }
-};
-
-PopenExecutor gPopenExecutor;
-std::atomic<CommandExecutor*> gExecutor{&gPopenExecutor};
-
 }  // namespace
 
-CommandExecutor* setCommandExecutor(CommandExecutor* executor) {
-    CommandExecutor* previous = gExecutor.exchange(executor != nullptr ? executor : &gPopenExecutor);
-    return previous == &gPopenExecutor ? nullptr : previous;
+bool PopenCommandExecutor::execute(const char* command, const std::function<void(const char*)>& onOutput) {
+#ifdef PROBEMOND_HOST
+    char mapped[kCommandSize + PATH_MAX];
+    command = hostCommand(command, mapped, sizeof(mapped));
+#endif
+    // "e": the read end must not leak into commands started concurrently by the other manager.
+    FILE* out = popen(command, "re");
+    if (out == nullptr) return false;
+    char line[kOutputLineSize];
+    memset(line, 0, sizeof(line));
+    while (fgets(line, sizeof(line), out) != nullptr) onOutput(line);
+    pclose(out);  // the tools' exit status tells nothing the daemon acts on
+    return true;
 }
 
 }  // namespace probemond
 
-bool runWrapperCommand(const char* command, const char* failureFormat) {
-    bool started = probemond::gExecutor.load()->execute(command, [](const char* piece) {
+bool runWrapperCommand(probemond::CommandExecutor& executor, const char* command, const char* failureFormat) {
+    bool started = executor.execute(command, [](const char* piece) {
         __android_log_print(ANDROID_LOG_DEBUG, nullptr, "PROBEMOND EXECNETD RESP %s", piece);
     });
     if (!started) {

@@ -8,13 +8,9 @@
 inline constexpr const char* kIptablesCommandFailure = "SEND PROBEMOND NDC COMMAND - FAIL %s";
 inline constexpr const char* kIpCommandFailure = "SEND PROBEMOND NDC COMMAND - FAIL %s\n";
 
-// True when the command was started, whatever it printed or returned.
-bool runWrapperCommand(const char* command, const char* failureFormat);
-
 namespace probemond {
 
-// Seam under runWrapperCommand: starts a command line and hands back its
-// output piece by piece. The default uses popen; tests install a recorder.
+// Starts a command line and hands back its output piece by piece.
 class CommandExecutor {
 public:
     virtual ~CommandExecutor() = default;
@@ -22,7 +18,13 @@ public:
     virtual bool execute(const char* command, const std::function<void(const char* piece)>& onOutput) = 0;
 };
 
-// Installs `executor` (nullptr restores the default); returns the previous one.
-CommandExecutor* setCommandExecutor(CommandExecutor* executor);
+// The real one: popen, output read in pieces of at most 1023 characters.
+class PopenCommandExecutor : public CommandExecutor {
+public:
+    bool execute(const char* command, const std::function<void(const char* piece)>& onOutput) override;
+};
 
 }  // namespace probemond
+
+// True when the command was started, whatever it printed or returned.
+bool runWrapperCommand(probemond::CommandExecutor& executor, const char* command, const char* failureFormat);

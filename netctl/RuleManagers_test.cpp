@@ -1,0 +1,216 @@
+// The two rule managers on a recording runner: ordering that matters, bad
+// input, socket kills, contention, failures to start and bounds. What they
+// leave in the kernel is proven in the lab.
+#include <android/log.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+#include "RecordingCommandExecutor.h"
+#include "netctl/IpRuleManager.h"
+#include "netctl/IptablesRuleManager.h"
+
+using probemond::test::LogCapture;
+using probemond::test::RecordingCommandExecutor;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+class RecordingKiller : public probemond::SocketKiller {
+public:
+    int32_t killUidSockets(const char* uid) override {
+        std::lock_guard<std::mutex> g(lock_);
+        killed_.push_back(uid);
+        return uid == failing_ ? -1 : 0;
+    }
+    Lines killed() {
+        std::lock_guard<std::mutex> g(lock_);
+        return killed_;
+    }
+    std::mutex lock_;
+    Lines killed_;
+    std::string failing_;
+};
+
+bool has(const Lines& lines, const std::string& part) {
+    for (const auto& l : lines)
+        if (l.find(part) != std::string::npos) return true;
+    return false;
+}
+
+class IptablesTest : public ::testing::Test {
+protected:
+    void SetUp() override { rec_.clear(); }
+    RecordingCommandExecutor rec_;
+    RecordingKiller killer_;
+    IptablesRuleManager mgr_{rec_, killer_};
+};
+
+TEST(IptablesCreation, EveryChainIsCreatedAndFlushedBeforeAnythingJumpsToIt) {
+    RecordingCommandExecutor rec;
+    RecordingKiller killer;
+    LogCapture log;
+    IptablesRuleManager m(rec, killer);
+    EXPECT_EQ(log.count("IptablesRuleManager called", ANDROID_LOG_DEBUG), 1u);
+    std::map<std::string, int> state;  // 1 created, 2 flushed
+    for (const auto& line : rec.commands()) {
+        const size_t n = line.find(" -N "), f = line.find(" -F "), j = line.find(" -j ");
+        if (n != std::string::npos) state[line.substr(n + 4)] = 1;
+        if (f != std::string::npos) {
+            EXPECT_EQ(state[line.substr(f + 4)]++, 1) << line;
+        }
+        if (j != std::string::npos) {
+            EXPECT_EQ(state[line.substr(j + 4)], 2) << line;
+        }
+    }
+    EXPECT_EQ(state.size(), 7u);
+}
+
+TEST_F(IptablesTest, EveryListedUidIsKilledInOrderAndFailuresAreLoggedPerUid) {
+    for (const char* uid : {"10001", "10001", "10002"}) mgr_.addUid(uid);
+    killer_.failing_ = "10001";
+    LogCapture log;
+    EXPECT_EQ(mgr_.selectIface("wlan1", false), 0);
+    mgr_.disableAutoSelect();
+    EXPECT_TRUE(killer_.killed().empty());
+    EXPECT_EQ(mgr_.selectIface("rmnet_data2", true), 0);
+    mgr_.enableAutoSelect("wlan0");
+    mgr_.killUidSocket();
+    EXPECT_EQ(killer_.killed(), (Lines{"10001", "10001", "10002", "10001", "10001", "10002", "10001", "10001", "10002"}));
+    for (const char* caller : {"selectIface", "enableAutoSelect", "killUidSocket"})
+        EXPECT_EQ(log.count(std::string(caller) + " Failed to kill sockets of uid : 10001", ANDROID_LOG_ERROR), 2u);
+    EXPECT_EQ(log.countContaining("Failed to kill"), 6u);
+
+    // delUid takes them all, whatever it names.
+    rec_.clear();
+    EXPECT_EQ(mgr_.delUid("10001"), 0);
+    EXPECT_TRUE(mgr_.uidListSnapshot().empty());
+    EXPECT_FALSE(has(rec_.commands(), "10002"));
+}
+
+TEST_F(IptablesTest, TextThatIsNotAUidRunsNothing) {
+    mgr_.addUid("10001");
+    rec_.clear();
+    LogCapture log;
+    for (const char* uid : {"", "1000;reboot", "$(reboot)", "`id`", "1000|id", "1 ", "1\n", "-1", "+5", "0x10", "010",
+                            "4294967295", "12345678901"}) {
+        EXPECT_EQ(mgr_.addUid(uid), 0);
+        EXPECT_EQ(mgr_.delUid(uid), 0);
+    }
+    EXPECT_EQ(mgr_.addUid(nullptr), 0);
+    EXPECT_TRUE(rec_.commands().empty());
+    EXPECT_EQ(mgr_.uidListSnapshot(), Lines{"10001"});
+    EXPECT_EQ(log.countContaining("Invalid uid", ANDROID_LOG_ERROR), 27u);
+    for (const auto& l : log.lines()) EXPECT_EQ(l.text.find('\n'), std::string::npos);
+    mgr_.addUid("4294967294");
+    EXPECT_TRUE(has(rec_.commands(), "--uid-owner 4294967294 "));
+}
+
+TEST(IptablesBadInterface, RunsNothingAndLeavesTheMutexHeld) {
+    for (const char* bad : {"eth0", "", "xwlan0", "rmnet0"}) {
+        RecordingCommandExecutor rec;
+        RecordingKiller killer;
+        // Kept alive on purpose: its mutex stays locked for good, and the
+        // thread blocked on it never reaches the recorder or the killer.
+        auto* m = new IptablesRuleManager(rec, killer);
+        m->addUid("10001");
+        rec.clear();
+        LogCapture log;
+        EXPECT_EQ(m->selectIface(bad, true), -1) << bad;
+        EXPECT_TRUE(log.has(std::string("selectIface Invalid interface ") + bad, ANDROID_LOG_DEBUG)) << log.dump();
+        EXPECT_TRUE(rec.commands().empty());
+        // Neither the list nor killUidSocket take the held mutex.
+        EXPECT_EQ(m->uidListSnapshot(), Lines{"10001"});
+        m->killUidSocket();
+        EXPECT_EQ(killer.killed(), Lines{"10001"});
+        auto* returned = new std::atomic<bool>(false);
+        std::thread([m, returned] {
+            m->disableAutoSelect();
+            *returned = true;
+        }).detach();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_FALSE(returned->load()) << bad;
+    }
+}
+
+TEST(RuleManagers, CommandsNotStartedAreLoggedAndTheSequenceGoesOn) {
+    RecordingCommandExecutor rec;
+    RecordingKiller killer;
+    IptablesRuleManager ipt(rec, killer);
+    IpRuleManager ip(rec);
+    rec.clear();
+    rec.failAll(true);
+    LogCapture log;
+    EXPECT_EQ(ipt.addUid("10001"), 0);
+    EXPECT_EQ(ipt.uidListSnapshot(), Lines{"10001"});
+    Lines c = rec.commands();
+    ASSERT_EQ(c.size(), 4u);
+    for (const auto& cmd : c) EXPECT_EQ(log.count("SEND PROBEMOND NDC COMMAND - FAIL " + cmd, ANDROID_LOG_ERROR), 1u);
+
+    rec.clear();
+    log.clear();
+    EXPECT_EQ(ip.addIpRule("rmnet_data0", "0xd0", "29700"), -1);
+    EXPECT_EQ(ip.delIpRule("29700"), -1);
+    c = rec.commands();
+    ASSERT_EQ(c.size(), 3u);
+    const std::string fail = "SEND PROBEMOND NDC COMMAND - FAIL ";
+    EXPECT_EQ(log.texts(), (Lines{fail + c[0] + "\n", "addIpRule Failue to del ip rule or rule not exist: " + c[0],
+                                  fail + c[1] + "\n", "addIpRule Failue to add ip rule : " + c[1], fail + c[2] + "\n",
+                                  "delIpRule Failue to delete ip rule: " + c[2]}));
+    EXPECT_EQ(log.lines()[1].priority, ANDROID_LOG_WARN);
+    EXPECT_EQ(log.lines()[3].priority, ANDROID_LOG_ERROR);
+    rec.failAll(false);
+    EXPECT_EQ(ip.addIpRule("rmnet_data0", "0xd0", "29700"), 0);  // the mutex was released
+}
+
+TEST_F(IptablesTest, ConcurrentUseLosesNoUidAndNeverInterleavesASequence) {
+    constexpr int kThreads = 4, kEach = 25;
+    std::atomic<bool> stop{false};
+    std::thread reader([&] {
+        while (!stop) mgr_.killUidSocket();
+    });
+    std::vector<std::thread> writers;
+    for (int t = 0; t < kThreads; ++t) {
+        writers.emplace_back([this, t] {
+            for (int i = 0; i < kEach; ++i) mgr_.addUid(std::to_string(20000 + t * 100 + i).c_str());
+        });
+    }
+    for (auto& w : writers) w.join();
+    stop = true;
+    reader.join();
+    EXPECT_EQ(mgr_.uidListSnapshot().size(), static_cast<size_t>(kThreads * kEach));
+    const Lines c = rec_.commands();
+    ASSERT_EQ(c.size() % (kThreads * kEach), 0u);
+    const size_t perUid = c.size() / (kThreads * kEach);
+    for (size_t i = 0; i < c.size(); i += perUid) {
+        const std::string uid = c[i].substr(c[i].find("--uid-owner ") + 12, 6);
+        for (size_t k = 1; k < perUid; ++k) EXPECT_NE(c[i + k].find("--uid-owner " + uid), std::string::npos);
+    }
+}
+
+TEST_F(IptablesTest, BoundsEndTheProcessInsteadOfCuttingACommand) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    std::string iface = "rmnet_data";
+    mgr_.selectIface(iface.c_str(), false);
+    iface.append(511 - rec_.commands().back().size(), '9');
+    EXPECT_EQ(mgr_.selectIface(iface.c_str(), false), 0);
+    EXPECT_EQ(rec_.commands().back().size(), 511u);
+    iface += "9";
+    EXPECT_DEATH(mgr_.selectIface(iface.c_str(), false), "formatted text of 512 bytes does not fit in 512");
+
+    // "kest_probemon_" is 14 characters: a 49-character name makes 63.
+    mgr_.initMangleRules(std::string(49, 'w').c_str(), "0x1");
+    EXPECT_TRUE(has(rec_.commands(), " -N kest_probemon_" + std::string(49, 'w')));
+    EXPECT_DEATH(mgr_.initMangleRules(std::string(50, 'w').c_str(), "0x1"),
+                 "formatted text of 64 bytes does not fit in 64");
+}
+
+}  // namespace

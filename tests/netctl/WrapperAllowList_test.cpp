@@ -1,0 +1,111 @@
+// Every command line the managers can issue, produced by the managers
+// themselves, against the wrappers' allow-lists in device/wrappers/.
+#include <fstream>
+#include <iostream>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "RecordingCommandExecutor.h"
+#include "interfaces/InterfaceManager.h"
+#include "netctl/IpRuleManager.h"
+#include "netctl/IptablesRuleManager.h"
+
+using Lines = std::vector<std::string>;
+
+namespace {
+
+struct NoKill : probemond::SocketKiller {
+    int32_t killUidSockets(const char*) override { return 0; }
+};
+
+Lines everyCommandLine() {
+    using namespace probemond::ifaces;
+    probemond::test::RecordingCommandExecutor rec;
+    NoKill none;
+    IptablesRuleManager ipt(rec, none);
+    IpRuleManager ip(rec);
+    for (size_t i = 0; interfaceNames[i] != nullptr; ++i) {
+        ipt.initMangleRules(interfaceNames[i], interfaceFwmarks[i]);
+        ipt.initNatRules(interfaceNames[i]);
+    }
+    for (const char* uid : {"0", "10123", "4294967294"}) ipt.addUid(uid);
+    ipt.delUid("10123");
+    for (size_t i = 0; interfaceNames[i] != nullptr; ++i) {
+        for (bool kill : {false, true}) ipt.selectIface(interfaceNames[i], kill);
+        ipt.enableAutoSelect(interfaceNames[i]);
+        ip.addIpRule(interfaceNames[i], interfaceFwmarks[i], interfacePrios[i]);
+        ip.delIpRule(interfacePrios[i]);
+    }
+    ipt.disableAutoSelect();
+    return rec.commands();
+}
+
+struct AllowList {
+    // Adds the patterns of one list file.
+    void load(const std::string& name) {
+        std::ifstream in(std::string(WRAPPER_LISTS_DIR) + "/" + name);
+        ASSERT_TRUE(in.good()) << name;
+        for (std::string line; std::getline(in, line);) {
+            if (line.empty() || line[0] == '#') continue;
+            const size_t space = line.find(' ');
+            tools.push_back(line.substr(0, space));
+            patterns.emplace_back(line.substr(space + 1), std::regex::extended);
+        }
+    }
+    // "/system/bin/<tool>-wrapper-1.0 <arguments>": accepted when a pattern of the tool matches the arguments.
+    bool accepts(const std::string& command) const {
+        const size_t slash = command.rfind('/', command.find(' ')), space = command.find(' ');
+        const std::string tool = command.substr(slash + 1, command.find("-wrapper-1.0") - slash - 1);
+        for (size_t i = 0; i < patterns.size(); ++i)
+            if (tools[i] == tool && std::regex_search(command.substr(space + 1), patterns[i])) return true;
+        return false;
+    }
+    Lines refused(const Lines& commands) const {
+        Lines out;
+        for (const auto& c : commands)
+            if (!accepts(c)) out.push_back(c);
+        return out;
+    }
+    Lines tools;
+    std::vector<std::regex> patterns;
+};
+
+std::string joined(const Lines& lines) {
+    std::string out;
+    for (const auto& l : lines) out += "  " + l + "\n";
+    return out;
+}
+
+TEST(WrapperAllowList, TheStockListRefusesAlmostEveryLine) {
+    AllowList stock;
+    stock.load("stock.allow");
+    const Lines all = everyCommandLine(), refused = stock.refused(all);
+    std::cout << refused.size() << " of " << all.size() << " lines refused by the stock wrappers:\n" << joined(refused);
+    EXPECT_GT(refused.size() * 10, all.size() * 9);
+    // What gets through acts on a chain the stock list never lets the daemon create.
+    Lines accepted;
+    for (const auto& c : all) {
+        if (stock.accepts(c)) accepted.push_back(c);
+    }
+    for (const auto& c : accepted) EXPECT_NE(c.find(" kest_masquerade -o rmnet_data"), std::string::npos) << c;
+}
+
+TEST(WrapperAllowList, WithTheAdditionsNothingIsRefusedAndStrangersStillAre) {
+    AllowList list;
+    list.load("stock.allow");
+    list.load("probemond.allow");
+    const Lines all = everyCommandLine();
+    EXPECT_GT(all.size(), 150u);
+    EXPECT_EQ(list.refused(all), Lines{}) << joined(list.refused(all));
+    const std::string ipt = "/system/bin/iptables-wrapper-1.0 -w ", ip = "/system/bin/ip-wrapper-1.0 -4 ";
+    for (const std::string& stranger : {ipt + "-t mangle -F OUTPUT", ipt + "-t filter -F kest_probemon_uid",
+                                        ipt + "-t mangle -N kest_probemon_wlan2", ip + "rule del prio 100",
+                                        ipt + "-t nat -I kest_probemon_snat -m owner --uid-owner 010 -j kest_masquerade",
+                                        ip + "rule add fwmark 0xa0/0xffff table main prio 29500"})
+        EXPECT_FALSE(list.accepts(stranger)) << stranger;
+}
+
+}  // namespace
