@@ -92,10 +92,6 @@ void KestNetworkProbeMond::useBinderIPC() {
     ProcessState::self()->startThreadPool();
 }
 
-sp<KestNetworkProbeMond> KestNetworkProbeMond::serviceInstance() {
-    return storedService();
-}
-
 int32_t KestNetworkProbeMond::startPingInternal(std::string iface) {
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "startPingInternal", iface.c_str());
     return InterfaceManager::instance()->startPingThread(iface.c_str());

@@ -19,9 +19,6 @@ public:
     // thread pool. Later calls register the same object again.
     static void useBinderIPC();
 
-    // The object useBinderIPC registers; empty before its first call.
-    static sp<KestNetworkProbeMond> serviceInstance();
-
     int32_t startPingInternal(std::string iface) override;
     int32_t stopPingInternal(std::string iface) override;
     int32_t stopAllPingInternal() override;

@@ -11,29 +11,23 @@ namespace probemond::test {
 struct RunResult {
     int exitCode = -1;  // -1: killed by a signal
     std::string out;
-    std::string err;
 };
 
 class ChildProcess {
 public:
-    // Starts argv[0] with the test's environment; output goes to private files.
+    // Starts argv[0] with the test's environment; its stdout goes to a private file.
     explicit ChildProcess(const std::vector<std::string>& argv);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    bool started() const { return mPid > 0; }
-    pid_t pid() const { return mPid; }
+    bool started() const { return pid_ > 0; }
     // Waits for the end (SIGKILL first when kill is set) and collects the output.
     RunResult finish(bool kill = false);
-    std::string outputSoFar() const;
-
-    static RunResult run(const std::vector<std::string>& argv);
 
 private:
-    pid_t mPid = -1;
-    std::string mOutPath;
-    std::string mErrPath;
+    pid_t pid_ = -1;
+    std::string outPath_ = "/tmp/binder_child.XXXXXX";
 };
 
 }  // namespace probemond::test

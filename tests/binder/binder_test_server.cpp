@@ -1,9 +1,9 @@
 // Helper process for the binder tests.
-//   binder_test_server service NAME POOL   serves the service interface as NAME on POOL threads
-//   binder_test_server dying-client   serves NetworkProbeMon_Binder and dies inside the call
+//   binder_test_server service NAME POOL   serves NAME on POOL threads; rtt of "n" is 3n+1,
+//                                          of "fds" the server's open descriptor count
+//   binder_test_server dying-client        serves NetworkProbeMon_Binder and dies inside the call
 #include <dirent.h>
 #include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -12,73 +12,40 @@
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 
-#include "daemon/IKestNetworkProbeMon.h"
+#include "RecordingService.h"
 #include "daemon/IKestNetworkProbeMonCallback.h"
 
 using namespace android;
 
 namespace {
 
-int openFdCount() {
-    int n = 0;
-    DIR* d = opendir("/proc/self/fd");
-    if (d == nullptr) return -1;
-    while (dirent* e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n - 1;  // the directory's own descriptor
-}
-
-// getRtt answers 3n+1 for "n", and its open descriptor count for "fds".
-class LoadService : public BnKestNetworkProbeMon {
-public:
-    int32_t startPingInternal(std::string) override { return 0; }
-    int32_t stopPingInternal(std::string) override { return 0; }
-    int32_t stopAllPingInternal() override { return 0; }
-    int32_t suspendAllPingInternal() override { return 0; }
-    int32_t resumeAllPingInternal() override { return 0; }
-    int32_t getRttInternal(std::string arg) override {
-        if (arg == "fds") return openFdCount();
-        char* end = nullptr;
-        const long v = strtol(arg.c_str(), &end, 10);
-        return end != arg.c_str() && *end == '\0' ? static_cast<int32_t>(3 * v + 1) : -1;
+class LoadService : public probemond::test::RecordingService {
+    int32_t result(int, const std::string& arg) override {
+        if (arg != "fds") return static_cast<int32_t>(3 * atol(arg.c_str()) + 1);
+        int n = -1;  // the directory's own descriptor
+        DIR* d = opendir("/proc/self/fd");
+        while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
+        closedir(d);
+        return n;
     }
-    int32_t addUidInternal(std::string) override { return 0; }
-    int32_t delUidInternal(std::string) override { return 0; }
-    int32_t addIpRuleInternal(std::string) override { return 0; }
-    int32_t delIpRuleInternal(std::string) override { return 0; }
-    int32_t selectInterfaceInternal(std::string) override { return 0; }
-    int32_t enableAutoSelectInternal(std::string) override { return 0; }
-    int32_t disableAutoSelectInternal() override { return 0; }
 };
 
 class DyingClient : public BnKestNetworkProbeMonCallback {
-public:
-    int32_t onAutoSelect(std::string) override {
-        kill(getpid(), SIGKILL);
-        pause();
-        return 0;
-    }
+    int32_t onAutoSelect(std::string) override { _exit(9); }
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return 2;
     ProcessState::initWithDriver("/dev/vndbinder");
-    status_t status;
-    if (strcmp(argv[1], "service") == 0 && argc == 4) {
+    status_t status = BAD_VALUE;
+    if (argc == 4 && strcmp(argv[1], "service") == 0) {
         ProcessState::self()->setThreadPoolMaxThreadCount(static_cast<size_t>(atoi(argv[3])));
         status = defaultServiceManager()->addService(String16(argv[2]), new LoadService());
-    } else if (strcmp(argv[1], "dying-client") == 0) {
+    } else if (argc == 2 && strcmp(argv[1], "dying-client") == 0) {
         status = defaultServiceManager()->addService(String16("NetworkProbeMon_Binder"), new DyingClient());
-    } else {
-        return 2;
     }
-    if (status != OK) {
-        fprintf(stderr, "addService: %d\n", status);
-        return 1;
-    }
+    if (status != OK) return 2;
     ProcessState::self()->startThreadPool();
     IPCThreadState::self()->joinThreadPool();
 }

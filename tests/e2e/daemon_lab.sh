@@ -1,30 +1,33 @@
-# Shared by the end-to-end tests and the demo: runs build/bin/probemond in
-# the lab's device namespace with a private binder directory and property
-# file, and drives it with probemonctl. Source it, then call pd_init.
-# Every function expects to run inside the device namespace (lab.sh exec).
+# Shared by the end-to-end and reliability tests, the demo and the benches:
+# runs build/bin/probemond in the lab's device namespace with a private binder
+# directory and property file, and drives it with probemonctl. Source it, then
+# call pd_init. Every function expects to run inside the device namespace.
 
 pd_init() {
     PD_ROOT="${PROBEMOND_SOURCE_DIR:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)}"
     PD_BIN="${PROBEMOND_BUILD_DIR:-$PD_ROOT/build}/bin"
     PD_LAB="$PD_ROOT/lab/lab.sh"
     PD_TMP="$(mktemp -d /tmp/probemond-e2e.XXXXXX)"
-    export PROBEMOND_BINDER_DIR="$PD_TMP/binder"
-    export PROBEMOND_PROPERTY_FILE="$PD_TMP/properties"
+    export PROBEMOND_BINDER_DIR="$PD_TMP/binder" PROBEMOND_PROPERTY_FILE="$PD_TMP/properties"
     : >"$PROBEMOND_PROPERTY_FILE"
     PD_LOG="$PD_TMP/probemond.log"
-    PD_DAEMON_PID=""
-    PD_SANITIZER_REPORTS=0
+    PD_DAEMON_PID="" PD_SANITIZER_REPORTS=0 PD_CHILDREN=() PD_LAUNCH=() FAILED=0
     # A race report must not scroll by in a log that is deleted afterwards.
     export TSAN_OPTIONS="halt_on_error=1 ${TSAN_OPTIONS:-}"
-    PD_CHILDREN=()
 }
+
+# pd_bin NAME ARGS...: every project binary starts here, behind PD_LAUNCH
+# (setpriv, lab.sh netexec) when a caller sets it; with PD_EXEC set it
+# replaces the shell, so a background job's pid is the binary's.
+pd_bin() { ${PD_EXEC:+exec} "${PD_LAUNCH[@]}" "$PD_BIN/$1" "${@:2}"; }
+pd_ctl() { pd_bin probemonctl "$@"; }
+pd_ctl_within() { local PD_LAUNCH=(timeout "$1"); pd_bin probemonctl "${@:2}"; }  # SECONDS ARGS...
 
 # Stops everything started here and leaves the lab's kernel state as found.
 pd_cleanup() {
     pd_stop_daemon
     local pid
-    for pid in "${PD_CHILDREN[@]}"; do kill "$pid" 2>/dev/null; done
-    for pid in "${PD_CHILDREN[@]}"; do wait "$pid" 2>/dev/null; done
+    for pid in "${PD_CHILDREN[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
     PD_CHILDREN=()
     pd_clean_kernel
     [ -n "${PD_TMP:-}" ] && rm -rf "$PD_TMP"
@@ -48,19 +51,21 @@ pd_clean_kernel() {
     done
 }
 
-# pd_start_daemon [SYSTEM_BIN]: starts probemond and waits for its service.
+# pd_start_daemon [SYSTEM_BIN]: starts probemond with only 0, 1 and 2 open (so
+# every other descriptor it holds is its own) and waits for its service.
 pd_start_daemon() {
     local sysbin="${1:-${PROBEMOND_SYSTEM_BIN:-$PD_ROOT/lab/wrappers}}"
-    PROBEMOND_SYSTEM_BIN="$sysbin" "$PD_BIN/probemond" 2>>"$PD_LOG" &
+    (
+        for fd in /proc/$BASHPID/fd/*; do
+            fd="${fd##*/}"
+            [ "$fd" -gt 2 ] && eval "exec $fd>&-" 2>/dev/null
+        done
+        export PROBEMOND_SYSTEM_BIN="$sysbin" PD_EXEC=1
+        pd_bin probemond
+    ) 2>>"$PD_LOG" </dev/null &
     PD_DAEMON_PID=$!
-    pd_wait_for_service
-}
-
-# pd_wait_for_service: waits (5 s at most) until the daemon started as
-# PD_DAEMON_PID has registered its service; fails at once if it died.
-pd_wait_for_service() {
     local n
-    for n in $(seq 100); do
+    for n in $(seq 200); do
         [ -S "$PROBEMOND_BINDER_DIR/vndbinder/probemond_Binder" ] && return 0
         kill -0 "$PD_DAEMON_PID" 2>/dev/null || return 1
         sleep 0.05
@@ -68,28 +73,12 @@ pd_wait_for_service() {
     return 1
 }
 
-# pd_recording_bin: a wrapper folder whose tools append their name and argv
-# to $PD_TMP/commands, then run the lab's tool. Prints the folder.
-pd_recording_bin() {
-    local dir="$PD_TMP/sysbin" w
-    mkdir -p "$dir"
-    for w in iptables-wrapper-1.0 ip-wrapper-1.0; do
-        cat >"$dir/$w" <<W
-#!/bin/sh
-echo "$w \$*" >>"$PD_TMP/commands"
-exec "$PD_ROOT/lab/wrappers/$w" "\$@"
-W
-        chmod +x "$dir/$w"
-    done
-    echo "$dir"
-}
-
 pd_stop_daemon() {
     [ -n "${PD_DAEMON_PID:-}" ] || return 0
     kill "$PD_DAEMON_PID" 2>/dev/null
     wait "$PD_DAEMON_PID" 2>/dev/null
     PD_DAEMON_PID=""
-    if grep -qE "^(==[0-9]+==ERROR: |WARNING: ThreadSanitizer|SUMMARY: [A-Za-z]+Sanitizer)|runtime error: " "$PD_LOG" 2>/dev/null; then
+    if [ "$(pd_sanitizer_reports)" != 0 ]; then
         PD_SANITIZER_REPORTS=1
         echo "--- sanitizer report from probemond ---" >&2
         grep -A 30 -E "^(==[0-9]+==ERROR: |WARNING: ThreadSanitizer)|runtime error: " "$PD_LOG" | head -n 80 >&2
@@ -97,72 +86,65 @@ pd_stop_daemon() {
     rm -f "$PROBEMOND_BINDER_DIR/vndbinder/probemond_Binder"
 }
 
-pd_ctl() { "$PD_BIN/probemonctl" "$@"; }
-
-# The daemon's log texts, without liblog's prefix; tool output is dropped.
-pd_log_texts() {
-    sed -n 's/^probemond [VDIWEF] [0-9-]* [0-9:.]* *[0-9]* *[0-9]* //p' "$PD_LOG"
+pd_sanitizer_reports() {
+    [ -f "$PD_LOG" ] || { echo 0; return; }
+    grep -cE "^(==[0-9]+==ERROR: |WARNING: ThreadSanitizer|SUMMARY: [A-Za-z]+Sanitizer)|runtime error: " "$PD_LOG" 2>/dev/null
 }
+
+# The daemon's log texts, without liblog's prefix.
+pd_log_texts() { sed -n 's/^probemond [VDIWEF] [0-9-]* [0-9:.]* *[0-9]* *[0-9]* //p' "$PD_LOG"; }
+pd_log_count() { pd_log_texts | grep -c -- "$1"; }
 
 # pd_wait_file FILE TEXT SECONDS: waits for a line of FILE containing TEXT.
-pd_wait_file() {
-    local file="$1" text="$2" deadline=$((SECONDS + $3))
-    while [ $SECONDS -le $deadline ]; do
-        grep -qF -- "$text" "$file" 2>/dev/null && return 0
+pd_wait_file() { pd_wait_true "$3" grep -qF -- "$2" "$1"; }
+pd_wait_log() { pd_wait_file "$PD_LOG" "$1" "$2"; }
+
+# pd_wait_true SECONDS CMD...: polls CMD until it succeeds.
+pd_wait_true() {
+    local deadline=$((SECONDS + $1)); shift
+    until "$@" 2>/dev/null; do
+        [ $SECONDS -le $deadline ] || return 1
         sleep 0.1
     done
-    return 1
 }
-
-pd_wait_log() { pd_wait_file "$PD_LOG" "$1" "$2"; }
 
 # pd_bg NAME CMD...: runs CMD in the background, output to $PD_TMP/NAME.
 pd_bg() {
     local name="$1"; shift
-    # No stdbuf: its preload clashes with sanitizer runtimes; the programs
-    # started here flush their own lines.
-    "$@" >"$PD_TMP/$name" 2>&1 &
+    (
+        PD_EXEC=1
+        if declare -F "$1" >/dev/null; then "$@"; else exec "$@"; fi
+    ) >"$PD_TMP/$name" 2>&1 &
     PD_CHILDREN+=($!)
 }
 
-# Traffic as an application UID (setpriv drops to it for one command).
-pd_as_uid() {
-    local uid="$1"; shift
-    setpriv --reuid="$uid" --regid="$uid" --clear-groups "$@"
-}
-
 pd_listen() {  # NAME PORT: a TCP listener on 8.8.8.8 in the internet namespace
-    pd_bg "$1" "$PD_LAB" netexec "$PD_BIN/probemond-lab-peer" listen 8.8.8.8 "$2"
+    local PD_LAUNCH=("$PD_LAB" netexec)
+    pd_bg "$1" pd_bin probemond-lab-peer listen 8.8.8.8 "$2"
     pd_wait_file "$PD_TMP/$1" "listening" 10
 }
 
+pd_as_uid() {  # UID BINARY ARGS...: a project binary run as an application UID
+    local PD_LAUNCH=(setpriv --reuid="$1" --regid="$1" --clear-groups)
+    pd_bin "${@:2}"
+}
+
 pd_hold() {  # NAME UID PORT: a TCP connection held open by UID
-    pd_bg "$1" setpriv --reuid="$2" --regid="$2" --clear-groups "$PD_BIN/probemond-lab-peer" hold 8.8.8.8 "$3"
+    pd_bg "$1" pd_as_uid "$2" probemond-lab-peer hold 8.8.8.8 "$3"
     pd_wait_file "$PD_TMP/$1" "connected from" 10
 }
 
 # pd_udp_carrier UID COUNT: sends COUNT datagrams as UID; prints the interface
 # whose counter rose by at least COUNT ("none" when no interface did).
 pd_udp_carrier() {
-    local uid="$1" count="$2" i before=() after=() ifaces=(wlan0 wlan1 rmnet_data0 rmnet_data1)
+    local i before=() ifaces=(wlan0 wlan1 rmnet_data0 rmnet_data1)
     for i in "${!ifaces[@]}"; do before[$i]="$("$PD_LAB" counters "${ifaces[$i]}")"; done
-    pd_as_uid "$uid" "$PD_BIN/probemond-lab-peer" udp 8.8.8.8 9 "$count" >/dev/null || { echo "send-failed"; return; }
+    pd_as_uid "$1" probemond-lab-peer udp 8.8.8.8 9 "$2" >/dev/null || { echo "send-failed"; return; }
     sleep 0.2
     for i in "${!ifaces[@]}"; do
-        after[$i]="$("$PD_LAB" counters "${ifaces[$i]}")"
-        if [ $((after[i] - before[i])) -ge "$count" ]; then echo "${ifaces[$i]}"; return; fi
+        [ $(($("$PD_LAB" counters "${ifaces[$i]}") - before[i])) -ge "$2" ] && { echo "${ifaces[$i]}"; return; }
     done
     echo "none"
-}
-
-# pd_wait_true SECONDS CMD...: polls CMD until it succeeds.
-pd_wait_true() {
-    local deadline=$((SECONDS + $1)); shift
-    while [ $SECONDS -le $deadline ]; do
-        "$@" && return 0
-        sleep 0.1
-    done
-    return 1
 }
 
 # The auto branch's jump target, or nothing.
@@ -170,3 +152,43 @@ pd_auto_branch() {
     iptables-legacy -t mangle -S kest_probemon_iface_auto 2>/dev/null | sed -n 's/^-A kest_probemon_iface_auto -j //p'
 }
 pd_auto_branch_is() { [ "$(pd_auto_branch)" = "$1" ]; }
+
+# ---- assertions of the test scripts
+
+fail() { echo "FAIL: $*"; FAILED=1; }
+expect_eq() { [ "$2" = "$3" ] || fail "$1: expected '$2', got '$3'"; }  # WHAT EXPECTED ACTUAL
+
+# pd_run_case CASE: the common frame of a test script; exit 0 pass,
+# 1 fail, 77 skipped. After a failure it shows the end of the daemon's log and
+# of every file the case left in PD_TMP.
+pd_finish() {
+    if [ $FAILED -ne 0 ] && [ -n "${PD_TMP:-}" ]; then
+        local f
+        for f in "$PD_LOG" "$PD_TMP"/*; do
+            case "$f" in *properties|*binder|*sysbin) continue ;; esac
+            [ -f "$f" ] && { echo "--- $(basename "$f") ---"; tail -n 40 "$f" | cut -c1-300; }
+        done
+    fi
+    pd_cleanup
+    [ "$PD_SANITIZER_REPORTS" -eq 0 ] || { echo "FAIL: sanitizer report in the daemon's log"; exit 1; }
+}
+pd_run_case() {
+    [ "$(id -u)" -eq 0 ] || { echo "skipped: needs root"; exit 77; }
+    [ -n "${PROBEMOND_LAB_INSIDE:-}${PROBEMOND_SYSTEM_BIN:-}" ] || { echo "skipped: run through lab.sh exec"; exit 77; }
+    declare -F "case_$1" >/dev/null || { echo "unknown case '$1'"; exit 2; }
+    pd_init
+    trap 'lab_defaults; pd_finish' EXIT
+    pd_clean_kernel
+    lab_defaults
+    "case_$1"
+    [ $FAILED -eq 0 ] && echo "PASS: $1"
+    exit $FAILED
+}
+lab_defaults() {
+    local i
+    for i in wlan0 wlan1 rmnet_data0 rmnet_data1 rmnet_data2 rmnet_data3 rmnet_data4 rmnet_data5 rmnet_data6 rmnet_data7; do
+        "$PD_LAB" delay "$i" 0; "$PD_LAB" fault "$i" off; "$PD_LAB" loss "$i" 0
+        ip link show "$i" >/dev/null 2>&1 || "$PD_LAB" relink "$i"
+        ip link set "$i" up
+    done
+}

@@ -3,6 +3,7 @@
 #include <android/log.h>
 
 #include <chrono>
+#include <functional>
 #include <sstream>
 #include <thread>
 
@@ -16,6 +17,15 @@ void captureLogger(const struct __android_logger_data* data, const char* message
     std::lock_guard<std::mutex> g(gLock);
     if (gLines == nullptr) return;
     gLines->push_back(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
+}
+
+bool pollUntil(int timeoutMs, const std::function<bool()>& seen) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!seen()) {
+        if (std::chrono::steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
 }
 
 }  // namespace
@@ -50,15 +60,13 @@ std::vector<std::string> LogCapture::texts() const {
 
 size_t LogCapture::count(const std::string& text, int priority) const {
     size_t n = 0;
-    for (const auto& l : lines())
-        if (l.text == text && (priority < 0 || l.priority == priority)) ++n;
+    for (const auto& l : lines()) n += l.text == text && (priority < 0 || l.priority == priority);
     return n;
 }
 
 size_t LogCapture::countContaining(const std::string& part, int priority) const {
     size_t n = 0;
-    for (const auto& l : lines())
-        if (l.text.find(part) != std::string::npos && (priority < 0 || l.priority == priority)) ++n;
+    for (const auto& l : lines()) n += l.text.find(part) != std::string::npos && (priority < 0 || l.priority == priority);
     return n;
 }
 
@@ -68,21 +76,11 @@ void LogCapture::clear() {
 }
 
 bool LogCapture::waitFor(const std::string& text, int timeoutMs) const {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (std::chrono::steady_clock::now() < end) {
-        if (has(text)) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return has(text);
+    return pollUntil(timeoutMs, [&] { return has(text); });
 }
 
 bool LogCapture::waitForContaining(const std::string& part, int timeoutMs) const {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (std::chrono::steady_clock::now() < end) {
-        if (countContaining(part) > 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return countContaining(part) > 0;
+    return pollUntil(timeoutMs, [&] { return countContaining(part) > 0; });
 }
 
 std::string LogCapture::dump() const {

@@ -22,10 +22,8 @@ TempPropertyFile::TempPropertyFile() {
 
 TempPropertyFile::~TempPropertyFile() {
     unlink(path_.c_str());
-    if (hadPrevious_)
-        setenv("PROBEMOND_PROPERTY_FILE", previous_.c_str(), 1);
-    else
-        unsetenv("PROBEMOND_PROPERTY_FILE");
+    if (hadPrevious_) setenv("PROBEMOND_PROPERTY_FILE", previous_.c_str(), 1);
+    else unsetenv("PROBEMOND_PROPERTY_FILE");
 }
 
 void TempPropertyFile::set(const std::string& key, const std::string& value) {
