@@ -14,7 +14,8 @@ endfunction()
 
 # probemond_add_lab_test(NAME SOURCES... LIBS...)
 # A GoogleTest binary run inside the lab's device namespace (see lab/lab.sh).
-# The lab is brought up by the "lab.up" fixture; lab tests never run in parallel.
+# The run's own lab (PROBEMOND_LAB) is brought up by the "lab.up" fixture; lab
+# tests never run in parallel within a run.
 # Exit code 77 from lab.sh (no root, no namespaces) marks the test skipped.
 function(probemond_add_lab_test name)
   cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})

@@ -3,7 +3,7 @@
 # knows, wired by veth pairs to an "internet" namespace that owns every
 # resolver address and runs the ICMP responder.
 #
-#   lab.sh up | down | status
+#   lab.sh up | down [--force] | status | list
 #   lab.sh exec CMD...            run CMD in the device namespace
 #   lab.sh netexec CMD...         run CMD in the internet namespace
 #   lab.sh delay IFACE MS         echo replies on IFACE come MS ms late
@@ -13,14 +13,20 @@
 #   lab.sh relink IFACE           re-create IFACE after a test deleted it
 #
 # PROBEMOND_LAB (default "probemond") names the lab; labs with different
-# names are independent. PROBEMOND_BUILD_DIR (default <repo>/build) is where
-# the responder is found. Exit 77 means "cannot run here" (no root or no
-# network namespaces).
+# names are independent. PROBEMOND_LAB_OWNER is the pid of the process a lab
+# brought up now belongs to (a test run, the demo, a benchmark): `down` then
+# refuses while that process lives, unless it is the owner asking or --force.
+# A lab without an owner (interactive use) goes down on any request.
+# PROBEMOND_BUILD_DIR (default <repo>/build) is where the responder is found.
+# Exit 77 means "cannot run here" (no root or no network namespaces).
 set -uo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 SELF="$ROOT/lab/lab.sh"
 NAME="${PROBEMOND_LAB:-probemond}"
+# The name becomes namespace and file names: keep it short and plain.
+[[ "$NAME" =~ ^[A-Za-z0-9][A-Za-z0-9_.-]{0,39}$ ]] ||
+    { echo "lab: PROBEMOND_LAB '$NAME' is not a valid lab name (letters, digits, _ . -; 40 at most)" >&2; exit 2; }
 DEV="$NAME-dev"
 NET="$NAME-net"
 STATE="/run/probemond-lab-$NAME"
@@ -74,6 +80,43 @@ responder_pid() {
 }
 
 is_up() { ns_exists "$DEV" && ns_exists "$NET" && responder_pid >/dev/null; }
+
+# A pid alone can be reused: the owner is recorded as "PID START-TIME".
+start_time() {  # PID -> clock ticks after boot at which it started
+    local s
+    s="$(cat "/proc/$1/stat" 2>/dev/null)" || return 1
+    s="${s##*) }"  # the command name may hold spaces and parentheses
+    set -- $s
+    echo "${20}"
+}
+
+# live_owner STATE_DIR -> "PID START" when the lab has an owner that still runs.
+live_owner() {
+    local pid start
+    read -r pid start 2>/dev/null <"$1/owner" || return 1
+    [[ "$pid" =~ ^[0-9]+$ ]] && [ "$(start_time "$pid")" = "$start" ] || return 1
+    echo "$pid $start"
+}
+
+owner_text() {  # STATE_DIR -> one line for status and list
+    local pid start
+    if ! read -r pid start 2>/dev/null <"$1/owner"; then
+        echo "none (interactive)"
+    elif live_owner "$1" >/dev/null; then
+        echo "pid $pid ($(cat "/proc/$pid/comm" 2>/dev/null)), running"
+    else
+        echo "pid $pid, gone (stale: down takes it away)"
+    fi
+}
+
+record_owner() {
+    local owner="${PROBEMOND_LAB_OWNER:-}" start
+    [ -n "$owner" ] || return 0
+    # A live owner keeps the lab; a stale one is replaced.
+    live_owner "$STATE" >/dev/null && return 0
+    start="$(start_time "$owner")" || die "PROBEMOND_LAB_OWNER $owner is not a running process"
+    printf '%s %s\n' "$owner" "$start" >"$STATE/owner"
+}
 
 # Serialises up/down of every lab on this machine; the lock is on this script.
 lock() {
@@ -161,6 +204,12 @@ start_responder() {
 }
 
 cmd_up() {
+    case "${1:-}" in
+        "") ;;
+        # CTest's fixture: the run is its parent when no owner was passed down.
+        --parent-owns) export PROBEMOND_LAB_OWNER="${PROBEMOND_LAB_OWNER:-$PPID}" ;;
+        *) die "up: unknown option '$1'" ;;
+    esac
     require_root
     lock
     if ! ns_exists "$DEV"; then
@@ -170,6 +219,7 @@ cmd_up() {
         ip netns add "$NET" 2>/dev/null || skip "cannot create network namespaces here"
     fi
     mkdir -p "$STATE/ctl" || die "cannot create $STATE"
+    record_owner
     write_etc || die "cannot write /etc/netns/$DEV"
     local common=(net/ipv6/conf/all/disable_ipv6=1 net/ipv6/conf/default/disable_ipv6=1
                   net/ipv4/conf/all/rp_filter=0 net/ipv4/conf/default/rp_filter=0)
@@ -203,9 +253,23 @@ kill_pids() {
 }
 
 cmd_down() {
+    local force=0
+    case "${1:-}" in
+        "") ;;
+        --force) force=1 ;;
+        *) die "down: unknown option '$1' (--force takes down a lab whose owner still runs)" ;;
+    esac
     [ "$(id -u)" -eq 0 ] || skip "the lab needs root"
     lock
-    local pids=() pid ns
+    local pids=() pid ns owner
+    # The asker is the owner named in its environment, else whoever called.
+    if owner="$(live_owner "$STATE")" && [ $force -eq 0 ] &&
+        [ "${owner%% *}" != "${PROBEMOND_LAB_OWNER:-$PPID}" ]; then
+        pid="${owner%% *}"
+        echo "lab: lab $NAME belongs to pid $pid ($(cat "/proc/$pid/comm" 2>/dev/null)), which still runs;" \
+            "not taking it down (lab.sh down --force does)" >&2
+        return 1
+    fi
     pid="$(responder_pid)" && pids+=("$pid")
     for ns in "$DEV" "$NET"; do
         ns_exists "$ns" || continue
@@ -237,6 +301,7 @@ cmd_status() {
     local pid
     pid="$(responder_pid)" || pid="not running"
     echo "lab $NAME: namespaces $DEV, $NET; responder $pid; state $STATE"
+    echo "owner: $(owner_text "$STATE")"
     printf '%-12s %-15s %-8s %-6s %-22s %s\n' IFACE ADDRESS DELAY LOSS FAULT RX-PACKETS
     local i o
     for i in "${IFACES[@]}"; do
@@ -290,6 +355,18 @@ cmd_counters() {
     for i in "${IFACES[@]}"; do printf '%s %s\n' "$i" "$(counter "$i")"; done
 }
 
+cmd_list() {  # every lab on this machine, with its owner
+    require_root
+    local d found=0
+    for d in /run/probemond-lab-*/; do
+        [ -d "$d" ] || continue
+        found=1
+        d="${d%/}"
+        printf '%-24s owner %s\n' "${d#/run/probemond-lab-}" "$(owner_text "$d")"
+    done
+    [ $found -eq 1 ] || echo "no lab is up"
+}
+
 cmd_relink() {
     require_root
     need_iface "${1:-}"
@@ -319,7 +396,9 @@ cmd_netexec() {
 usage() {
     cat <<U
 usage: lab.sh COMMAND [ARGS]   (lab "$NAME"; set PROBEMOND_LAB for another)
-  up | down | status
+  up | status
+  down [--force]           refuses while the lab's owner runs, unless --force
+  list                     every lab on this machine and its owner
   exec CMD...              run CMD in the device namespace ($DEV)
   netexec CMD...           run CMD in the internet namespace ($NET)
   delay IFACE MS           echo replies on IFACE come MS milliseconds late
@@ -335,9 +414,10 @@ U
 
 sub="${1:-}"; [ $# -gt 0 ] && shift
 case "$sub" in
-    up) cmd_up ;;
-    down) cmd_down ;;
+    up) cmd_up "$@" ;;
+    down) cmd_down "$@" ;;
     status) cmd_status ;;
+    list) cmd_list ;;
     exec) cmd_exec "$@" ;;
     netexec) cmd_netexec "$@" ;;
     delay) cmd_delay "$@" ;;

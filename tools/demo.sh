@@ -15,9 +15,10 @@ if [ "${1:-}" != "--inside" ]; then
     for b in probemond probemonctl probemond-responder probemond-lab-peer; do
         [ -x "$PROBEMOND_BUILD_DIR/bin/$b" ] || { echo "demo: $b is not built (./run build)" >&2; exit 2; }
     done
+    # A lab of the demo's own, gone when it ends however it ends.
+    export PROBEMOND_LAB="${PROBEMOND_LAB:-probemond}-$$" PROBEMOND_LAB_OWNER=$$
     trap '"$LAB" down >/dev/null 2>&1' EXIT
-    trap 'exit 130' INT TERM
-    "$LAB" down >/dev/null 2>&1
+    trap 'exit 130' INT TERM HUP
     "$LAB" up >/dev/null || { echo "demo: the lab did not come up" >&2; exit 1; }
     "$LAB" exec "$ROOT/tools/demo.sh" --inside
     exit $?
