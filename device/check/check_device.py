@@ -211,12 +211,18 @@ def cmake_sources(root, build):
 
 
 def compile_one(root, src):
+    # -H lists every header read: none may come from the host stand-ins.
     cmd = (["clang++"] + CLANG_FLAGS +
-           ["-include", os.path.join(root, "device/check/parcel-includes.h"),
+           ["-H", "-include", os.path.join(root, "device/check/parcel-includes.h"),
             "-I", root, "-I", os.path.join(root, "device/check/shim"), "-I", PLATFORM_INCLUDE,
             os.path.join(root, src)])
     r = subprocess.run(cmd, capture_output=True, text=True, cwd=root)
-    return src, r.returncode, r.stderr
+    headers = [ln.lstrip(". ") for ln in r.stderr.splitlines() if re.match(r"\.+ ", ln)]
+    diagnostics = "".join(ln + "\n" for ln in r.stderr.splitlines() if not re.match(r"\.+ ", ln))
+    host = [h for h in headers if "/" + HOST_ONLY in os.path.abspath(h)]
+    if host:
+        return src, 1, diagnostics + "".join(f"reads the host stand-in {h}\n" for h in host)
+    return src, r.returncode, diagnostics
 
 
 def main():
