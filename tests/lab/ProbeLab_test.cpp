@@ -81,6 +81,7 @@ TEST_F(ProbeLab, RttFollowsEachInterfacesDelay) {
         Ping p;
         std::vector<int32_t> rtts;
         for (int i = 0; i < 5; ++i) rtts.push_back(p.ping(l.iface, l.server));
+        EXPECT_FALSE(p.lastProbeFailed) << l.iface;
         // The median carries the accuracy claim; a single sample may pay for a
         // scheduling hiccup on a loaded CI machine, but never arrive early.
         std::vector<int32_t> sorted = rtts;
@@ -123,6 +124,7 @@ TEST_F(ProbeLab, SilenceEndsWithTheTimeoutAndWrapsTheSequence) {
     ASSERT_TRUE(labLoss("rmnet_data3", 100));
     props_.set(kTimeout, "120");
     EXPECT_EQ(120, p.ping("rmnet_data3", "8.8.4.4"));
+    EXPECT_TRUE(p.lastProbeFailed);
     EXPECT_EQ(1, p.sequenceNumber);
 }
 
