@@ -1,5 +1,8 @@
 #include "daemon/KestNetworkProbeMondDump.h"
 
+#include <stdio.h>
+#include <time.h>
+
 #include <sstream>
 
 #include "netctl/IptablesRuleManager.h"
@@ -8,6 +11,28 @@ namespace probemond {
 namespace {
 
 const char* orNone(const std::string& s) { return s.empty() ? "(none)" : s.c_str(); }
+
+std::string msAgo(int64_t ms) { return ms < 0 ? "never" : std::to_string(ms); }
+
+// Local wall-clock time, as the log's timestamps show it.
+std::string wallClock(int64_t unixMs) {
+    const time_t seconds = static_cast<time_t>(unixMs / 1000);
+    tm local{};
+    localtime_r(&seconds, &local);
+    char text[32];
+    const size_t n = strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+    snprintf(text + n, sizeof(text) - n, ".%03d", static_cast<int>(unixMs % 1000));
+    return text;
+}
+
+void formatSwitches(std::ostringstream& out, const char* title,
+                    const probemond::ifaces::SwitchHistory& h) {
+    out << title << ": count=" << h.count << " lastMsAgo=" << msAgo(h.msSinceLast) << "\n";
+    for (const auto& r : h.recent) {
+        out << "  " << wallClock(r.wallMs) << " " << orNone(r.from) << " (" << r.fromMrtt
+            << "ms) -> " << r.to << " (" << r.toMrtt << "ms)\n";
+    }
+}
 
 }  // namespace
 
@@ -30,6 +55,14 @@ std::string formatState(const InterfaceManagerSnapshot& state, const std::vector
     out << "steered uids (" << uids.size() << "):";
     for (const std::string& uid : uids) out << " " << uid;
     out << "\n";
+    out << "probes (" << state.interfaces.size() << "):\n";
+    for (const InterfaceSnapshot& i : state.interfaces) {
+        out << "  " << i.name << " made=" << i.probes << " failed=" << i.probesFailed
+            << " historyFailed=" << i.historyFailurePercent << "% lastProbeMsAgo="
+            << msAgo(i.msSinceLastProbe) << " rotations=" << i.serverRotations << "\n";
+    }
+    formatSwitches(out, "autoSelect switches", state.autoSwitches);
+    formatSwitches(out, "manual selections", state.manualSelections);
     return out.str();
 }
 

@@ -53,16 +53,18 @@ using UniqueFd = android::base::unique_fd;
 
 // ---- InterfaceInfo history ----
 
-std::vector<int32_t> InterfaceInfo::addRtt(int32_t value) {
+std::vector<int32_t> InterfaceInfo::addRtt(int32_t value, bool failed) {
     MutexLock g(historyLock_);
     if (rttHistory.size() >= kMaxRttHistory) rttHistory.pop_front();
     rttHistory.push_back(value);
+    historyFailures_.push(failed, kMaxRttHistory);
     return std::vector<int32_t>(rttHistory.begin(), rttHistory.end());
 }
 
 void InterfaceInfo::clearRttHistory() {
     MutexLock g(historyLock_);
     rttHistory.clear();
+    historyFailures_.clear();
 }
 
 size_t InterfaceInfo::rttHistorySize() const {
@@ -73,6 +75,11 @@ size_t InterfaceInfo::rttHistorySize() const {
 std::vector<int32_t> InterfaceInfo::rttHistorySnapshot() const {
     MutexLock g(historyLock_);
     return std::vector<int32_t>(rttHistory.begin(), rttHistory.end());
+}
+
+int InterfaceInfo::historyFailurePercent() const {
+    MutexLock g(historyLock_);
+    return historyFailures_.percent();
 }
 
 // ---- start-up ----
@@ -186,6 +193,9 @@ InterfaceManagerSnapshot InterfaceManager::snapshot() const {
     s.isAutoSelectEnabled = isAutoSelectEnabled;
     s.isAutoSelectForcePing = isAutoSelectForcePing;
     s.rttDebug = rttDebug;
+    s.autoSwitches = autoSwitchLog.snapshot();
+    s.manualSelections = manualSelectLog.snapshot();
+    const int64_t now = monotonicMs();
     for (const auto& entry : ifaceMap) {
         const InterfaceInfo* info = entry.second;
         InterfaceSnapshot r;
@@ -203,6 +213,11 @@ InterfaceManagerSnapshot InterfaceManager::snapshot() const {
         r.mrtt = info->mrtt;
         r.switchCount = info->switchCount;
         r.rttHistory = info->rttHistorySnapshot();
+        r.probes = info->counters.probes;
+        r.probesFailed = info->counters.failed;
+        r.historyFailurePercent = info->historyFailurePercent();
+        r.msSinceLastProbe = info->counters.msSinceLastProbe(now);
+        r.serverRotations = info->counters.serverRotations;
         s.interfaces.push_back(std::move(r));
     }
     return s;
@@ -341,6 +356,8 @@ int32_t InterfaceManager::selectInterface(const char* iface) {
         MutexLock g(selectionLock_);
         userSelectIface = curr->name;
     }
+    manualSelectLog.record(prev ? prev->name : "", prev ? prev->mrtt.load() : 0, curr->name,
+                           curr->mrtt);
     // The first selection moves no open sockets; later ones reset them.
     steering_.selectIface(curr->name.c_str(), prev != nullptr);
     ifaceMutex.unlock();
@@ -463,6 +480,7 @@ bool InterfaceManager::switchInterface(std::vector<InterfaceInfo*> ifaces) {
     LOGD("%s (%dms) is better than %s (%dms)", best->name.c_str(), static_cast<int>(best->mrtt),
          curr->name.c_str(), currMrtt);
     setAutoSelectIface(best->name);
+    autoSwitchLog.record(curr->name, currMrtt, best->name, best->mrtt);
     notifier_.notify(best->name);
     return true;
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/Properties.h"
+#include "interfaces/Telemetry.h"
 #include "common/ThreadAnnotations.h"
 #include "interfaces/InterfaceSeams.h"
 
@@ -62,16 +63,21 @@ struct InterfaceInfo {
     bool isWifi = true;
     std::atomic<uint32_t> switchCount{0};
 
+    probemond::ifaces::ProbeCounters counters;
+
     // Appends one result, dropping the oldest beyond ten; returns the
     // history as it then stands, oldest first.
-    std::vector<int32_t> addRtt(int32_t value);
+    std::vector<int32_t> addRtt(int32_t value, bool failed = false);
     void clearRttHistory();
     size_t rttHistorySize() const;
     std::vector<int32_t> rttHistorySnapshot() const;
+    // Whole percent of the results in the history that were failed probes.
+    int historyFailurePercent() const;
 
 private:
     mutable probemond::Mutex historyLock_;
     std::deque<int32_t> rttHistory PM_GUARDED_BY(historyLock_);
+    probemond::ifaces::FailureWindow historyFailures_ PM_GUARDED_BY(historyLock_);
 };
 
 // Read-only copies for the state dump; taking them never waits on ifaceMutex.
@@ -89,6 +95,11 @@ struct InterfaceSnapshot {
     int32_t mrtt = 0;
     uint32_t switchCount = 0;
     std::vector<int32_t> rttHistory;
+    uint64_t probes = 0;
+    uint64_t probesFailed = 0;
+    int historyFailurePercent = 0;
+    int64_t msSinceLastProbe = -1;
+    uint64_t serverRotations = 0;
 };
 
 struct InterfaceManagerSnapshot {
@@ -98,6 +109,8 @@ struct InterfaceManagerSnapshot {
     bool isAutoSelectForcePing = false;
     bool rttDebug = false;
     std::vector<InterfaceSnapshot> interfaces;  // map order
+    probemond::ifaces::SwitchHistory autoSwitches;
+    probemond::ifaces::SwitchHistory manualSelections;
 };
 
 class InterfaceManager {
@@ -160,6 +173,10 @@ public:
     std::atomic<bool> rttDebug{false};
     std::atomic<uint32_t> cnServerIndex{0};
     std::atomic<uint32_t> globalServerIndex{0};
+
+    // Every switch auto-select made and every successful manual selection.
+    probemond::ifaces::SwitchLog autoSwitchLog;
+    probemond::ifaces::SwitchLog manualSelectLog;
 
 private:
     void initInterfaceInfoAndMap();

@@ -18,6 +18,9 @@ public:
     virtual ~RttProber() = default;
     // Returns the RTT in ms, or the ping timeout when nothing answered.
     virtual int32_t ping(const char* iface, const char* server) = 0;
+    // Whether the last ping's result was the timeout standing in for a
+    // failure (bind, resolve, send, no acceptable reply), not a slow answer.
+    virtual bool lastProbeFailed() const { return false; }
 };
 
 class RttProberFactory {

@@ -102,9 +102,11 @@ bool PingWorker::runCycle() {
 
 void PingWorker::probeOnce() {
     const int32_t rtt = prober_->ping(info_.name.c_str(), info_.pingServer.load());
+    const bool failed = prober_->lastProbeFailed();
+    info_.counters.recordProbe(failed);
     info_.rtt = rtt;
 
-    const std::vector<int32_t> history = info_.addRtt(rtt);
+    const std::vector<int32_t> history = info_.addRtt(rtt, failed);
     std::vector<int32_t> sorted = history;
     std::sort(sorted.begin(), sorted.end());
     const int32_t median = medianOfSorted(sorted);
@@ -148,6 +150,7 @@ void PingWorker::switchServer() {
         if (next >= count) next = 0;
     } while (!index.compare_exchange_weak(current, next));
     const char* server = table[next];
+    info_.counters.serverRotations.fetch_add(1);
     for (auto& entry : manager_.ifaceMap) {
         entry.second->pingServer = server;
         entry.second->switchCount = 0;

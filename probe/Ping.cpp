@@ -64,6 +64,7 @@ int32_t Ping::ping(const char* iface, const char* server) {
     uint8_t received[icmp::kReceiveBufferSize];
     memset(received, 0, sizeof(received));
     int32_t result = readTimeout();
+    lastProbeFailed = true;
 
     if (iface == nullptr || server == nullptr) {
         LOGE("interface or server is null");
@@ -140,6 +141,7 @@ int32_t Ping::ping(const char* iface, const char* server) {
             }
             if (reply.verdict == icmp::Verdict::kAccepted) {
                 result = reply.rtt;
+                lastProbeFailed = false;
                 break;
             }
             // A reply of 0 ms is dropped silently; anything else rejected gets

@@ -11,4 +11,7 @@ public:
     int32_t ping(const char* iface, const char* server);
 
     uint16_t sequenceNumber = 0;
+    // Set when the last call returned the timeout because nothing acceptable
+    // came back (or it never got to send), as opposed to a reply that slow.
+    bool lastProbeFailed = false;
 };

@@ -9,6 +9,8 @@ ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 export PROBEMOND_SOURCE_DIR="$ROOT"
 export PROBEMOND_BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
 LAB="$ROOT/lab/lab.sh"
+# The run's log and its timeline picture stay here for the user to open.
+DEMO_OUT="$PROBEMOND_BUILD_DIR/demo"
 
 if [ "${1:-}" != "--inside" ]; then
     [ "$(id -u)" -eq 0 ] || { echo "demo: needs root (network namespaces, raw sockets)" >&2; exit 77; }
@@ -20,8 +22,16 @@ if [ "${1:-}" != "--inside" ]; then
     trap '"$LAB" down >/dev/null 2>&1' EXIT
     trap 'exit 130' INT TERM HUP
     "$LAB" up >/dev/null || { echo "demo: the lab did not come up" >&2; exit 1; }
+    rm -f "$DEMO_OUT/probemond.log" "$DEMO_OUT/timeline.png"
     "$LAB" exec "$ROOT/tools/demo.sh" --inside
-    exit $?
+    rc=$?
+    if [ -s "$DEMO_OUT/probemond.log" ]; then
+        /usr/bin/python3 "$ROOT/tools/plot/plot_timeline.py" "$DEMO_OUT/probemond.log" \
+            "$DEMO_OUT/timeline.png" >/dev/null || rc=1
+        echo "demo: daemon log $DEMO_OUT/probemond.log"
+        echo "demo: timeline of this run $DEMO_OUT/timeline.png"
+    fi
+    exit $rc
 fi
 
 . "$ROOT/tests/e2e/daemon_lab.sh"
@@ -36,13 +46,15 @@ step() {  # DESCRIPTION COMMAND... : succeeds -> ok, else miss
     if "$@"; then ok "$what"; else miss "$what"; fi
 }
 cleanup() {
+    pd_stop_daemon
+    mkdir -p "$DEMO_OUT" && cp "$PD_LOG" "$DEMO_OUT/probemond.log" 2>/dev/null
     pd_cleanup
 }
 trap cleanup EXIT
 T0="$(date +%s.%N)"
 readonly APP=10123
 
-echo "probemond demo (lab ${PROBEMOND_LAB:-probemond}; daemon log in a temp dir, removed at the end)"
+echo "probemond demo (lab ${PROBEMOND_LAB:-probemond}; daemon log and timeline kept in $DEMO_OUT)"
 "$PD_LAB" delay wlan0 20
 "$PD_LAB" delay rmnet_data0 40
 say "lab up: responder answers wlan0 after 20 ms, rmnet_data0 after 40 ms"
@@ -86,6 +98,9 @@ step "callback onAutoSelect(rmnet_data0): auto-select switched" \
     pd_wait_file "$PD_TMP/watch" "onAutoSelect(rmnet_data0)" 40
 step "auto branch jumps to kest_probemon_rmnet_data0" \
     pd_wait_true 5 pd_auto_branch_is kest_probemon_rmnet_data0
+step "dump: one auto-select switch recorded, wlan0 -> rmnet_data0 with both medians" \
+    eval 'pd_ctl dump | grep -qE "^  [0-9-]+ [0-9:.]+ wlan0 \([0-9]+ms\) -> rmnet_data0 \([0-9]+ms\)$"'
+say "  $(pd_ctl dump | grep -A1 '^autoSelect switches:' | paste -sd ' ' | tr -s ' ')"
 step "the app's open TCP connection was destroyed" pd_wait_file "$PD_TMP/app_tcp" "closed:" 5
 say "  the app saw: $(sed -n 's/^closed: //p' "$PD_TMP/app_tcp" | head -n 1)"
 carrier="$(pd_udp_carrier $APP 200)"

@@ -135,6 +135,17 @@ case_auto() {
     pd_wait_true 5 pd_auto_branch_is kest_probemon_rmnet_data0 || fail "auto branch: '$(pd_auto_branch)'"
     pd_wait_file "$PD_TMP/conn1" "closed:" 5 || fail "open TCP connection survived the switch"
     expect_eq "carrier after the switch" rmnet_data0 "$(pd_udp_carrier $UID_APP 200)"
+    # The dump and top keep the decision, with both medians, and the user's first selection.
+    local out; out="$(pd_ctl dump)"
+    grep -qE "^autoSelect switches: count=1 lastMsAgo=[0-9]+$" <<<"$out" || fail "no switch count in dump"
+    grep -qE "^  [0-9-]+ [0-9:.]+ wlan0 \([0-9]{3}ms\) -> rmnet_data0 \([1-9][0-9]?ms\)$" <<<"$out" ||
+        fail "no switch record in dump: $(grep -A2 '^autoSelect switches' <<<"$out")"
+    grep -qE "^  [0-9-]+ [0-9:.]+ \(none\) \(0ms\) -> wlan0 \([0-9]+ms\)$" <<<"$out" || fail "no selection record"
+    grep -qE "^  wlan0 made=[1-9][0-9]* failed=[0-9]+ historyFailed=[0-9]+% lastProbeMsAgo=[0-9]+ " <<<"$out" ||
+        fail "no probe counters for wlan0"
+    out="$(pd_ctl top --once)"
+    expect_eq "top rows" 10 "$(grep -cE '^(wlan|rmnet_data)[0-9] ' <<<"$out")"
+    grep -qx "user: wlan0   auto-select: on   auto: rmnet_data0" <<<"$out" || fail "top: selection line missing"
 
     expect_eq "disable-auto-select" 0 "$(pd_ctl disable-auto-select)"
     pd_wait_file "$PD_TMP/watch" "onAutoSelect() -> 0" 5 || fail "no empty callback on disable"

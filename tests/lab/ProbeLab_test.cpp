@@ -62,6 +62,7 @@ TEST_F(ProbeLab, RttFollowsEachInterfacesDelay) {
         Ping p;
         std::vector<int32_t> rtts;
         for (int i = 0; i < 5; ++i) rtts.push_back(p.ping(l.iface, l.server));
+        EXPECT_FALSE(p.lastProbeFailed) << l.iface;
         // The median carries the 1 ms claim; a single sample may pay for a
         // scheduling hiccup, but never arrives early.
         std::vector<int32_t> sorted = rtts;
@@ -96,6 +97,7 @@ TEST_F(ProbeLab, SilenceEndsWithTheTimeoutAndWrapsTheSequence) {
     EXPECT_EQ(0, p.sequenceNumber);
     EXPECT_EQ(1u, log.count("Failed to read socket or timeout on rmnet_data3", ANDROID_LOG_WARN))
         << log.dump();
+    EXPECT_TRUE(p.lastProbeFailed);
 }
 
 // Each kind of bad reply is logged and rejected, and the probe waits on for

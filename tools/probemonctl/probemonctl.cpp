@@ -27,6 +27,7 @@
 
 #include "daemon/IKestNetworkProbeMon.h"
 #include "daemon/IKestNetworkProbeMonCallback.h"
+#include "tools/probemonctl/Top.h"
 
 using namespace android;
 
@@ -68,6 +69,7 @@ int usage(const char* problem) {
     }
     fprintf(stderr,
             "  dump                  print the service's state\n"
+            "  top [--interval S] [--once]  live table of the interfaces, from the dump\n"
             "  watch [--reply N]     serve %s, print each onAutoSelect, answer N (default 0)\n"
             "  call CODE [STRING]    send transaction CODE with an optional C string\n"
             "Each command prints the reply integer.\n",
@@ -294,6 +296,7 @@ int main(int argc, char** argv) {
         if (extra != 0) return usage("dump takes no argument");
         return runDump();
     }
+    if (cmd == "top") return probemonctl::runTop(extra, argv + 2);
     if (cmd == "watch") {
         long long reply = 0;
         if (extra == 2 && strcmp(argv[2], "--reply") == 0) {

@@ -1,0 +1,73 @@
+#include "tools/probemonctl/Top.h"
+
+#include <gtest/gtest.h>
+
+#include "daemon/KestNetworkProbeMondDump.h"
+
+using namespace probemond::ifaces;
+
+namespace {
+
+// The daemon's own dump text, so the table follows the dump's format.
+std::string sampleDump() {
+    InterfaceManagerSnapshot s;
+    for (size_t i = 0; i < kInterfaceCount; ++i) {
+        InterfaceSnapshot r;
+        r.name = interfaceNames[i];
+        r.pingServer = "8.8.4.4";
+        r.rtt = r.mrtt = 50;
+        s.interfaces.push_back(r);
+    }
+    s.interfaces[0].isPingThreadRunning = true;  // wlan0
+    s.interfaces[0].isControlByAutoSelect = true;
+    s.interfaces[0].rttHistory = {20, 150, 200};
+    s.interfaces[0].probes = 42;
+    s.interfaces[0].probesFailed = 3;
+    s.interfaces[0].historyFailurePercent = 33;
+    s.interfaces[2].isPingThreadRunning = true;  // rmnet_data0
+    s.interfaces[3].isPingThreadSuspended = true;  // rmnet_data1
+    s.interfaces[3].isControlByAutoSelect = true;
+    s.userSelectIface = "wlan0";
+    s.autoSelectIface = "rmnet_data0";
+    s.isAutoSelectEnabled = true;
+    s.autoSwitches.count = 7;
+    s.autoSwitches.msSinceLast = 2500;
+    for (int k = 0; k < 7; ++k) {
+        s.autoSwitches.recent.push_back({1700000000000 + k * 1000, "wlan0", 150 + k, "rmnet_data0", 40});
+    }
+    return probemond::formatState(s, {"10123"});
+}
+
+TEST(Top, OneRowPerInterfaceThenTheSelection) {
+    const std::vector<std::string> lines = probemonctl::renderTop(probemonctl::parseDump(sampleDump()));
+    ASSERT_GE(lines.size(), 12u);
+    int rows = 0;
+    for (const std::string& l : lines) {
+        EXPECT_EQ(std::string::npos, l.find('\033')) << l;
+        rows += l.rfind("wlan", 0) == 0 || l.rfind("rmnet_data", 0) == 0;
+    }
+    EXPECT_EQ(10, rows);
+    // Rows in the dump's order.
+    EXPECT_EQ(lines[1].substr(0, 22), "wlan0        candidate");
+    EXPECT_NE(lines[1].find("8.8.4.4"), std::string::npos);
+    EXPECT_NE(lines[1].find("▁▆█       "), std::string::npos) << lines[1];
+    EXPECT_NE(lines[1].find("     42      3   33%"), std::string::npos) << lines[1];
+    EXPECT_EQ(lines[2].substr(0, 22), "wlan1        idle     ");
+    EXPECT_EQ(lines[3].substr(0, 22), "rmnet_data0  probing  ");
+    EXPECT_EQ(lines[4].substr(0, 22), "rmnet_data1  suspended");  // suspension wins
+
+    const std::string rest = [&] {
+        std::string t;
+        for (size_t i = 11; i < lines.size(); ++i) t += lines[i] + "\n";
+        return t;
+    }();
+    EXPECT_NE(rest.find("user: wlan0   auto-select: on   auto: rmnet_data0\n"), std::string::npos);
+    EXPECT_NE(rest.find("auto-select switches: 7, last 2.5 s ago\n"), std::string::npos) << rest;
+    // Only the latest five decisions are shown.
+    EXPECT_EQ(rest.find("wlan0 (151ms)"), std::string::npos) << rest;
+    EXPECT_NE(rest.find("wlan0 (152ms) -> rmnet_data0 (40ms)"), std::string::npos);
+    EXPECT_NE(rest.find("wlan0 (156ms) -> rmnet_data0 (40ms)"), std::string::npos);
+    EXPECT_NE(rest.find("manual selections: 0, last never"), std::string::npos);
+}
+
+}  // namespace
