@@ -114,49 +114,33 @@ TEST(SockDiagAgainstAPlayedKernel, RefusedTcpIpv4DumpSkipsTcpIpv6AndUdpStillRuns
     EXPECT_EQ(log.lines()[2].priority, ANDROID_LOG_INFO);
 }
 
-struct Seen {
+// Walks one buffer; returns the uids seen (0 for "no record") and how it ended.
+std::vector<uint32_t> walk(const Bytes& b, DiagWalk* how) {
     std::vector<uint32_t> uids;
-    int nulls = 0;
-};
-
-DiagWalk walk(const Bytes& b, Seen& seen) {
-    return walkDiagMessages(b.data(), b.size(), [&](const inet_diag_msg* m) {
-        if (m == nullptr) ++seen.nulls;
-        else seen.uids.push_back(m->idiag_uid);
-    });
+    *how = walkDiagMessages(b.data(), b.size(), [&](const inet_diag_msg* m) { uids.push_back(m ? m->idiag_uid : 0); });
+    return uids;
 }
 
 TEST(SockDiagWalk, RecordsUntilDoneOrErrorAndMalformedLengthsEndTheBuffer) {
     const inet_diag_msg a = socketRecord(AF_INET, 1, 1), c = socketRecord(AF_INET, 1, 3);
-    Seen s;
+    DiagWalk w;
     Reply padded;  // a 2-byte tail is padded to 4 before the next message
     padded.message(SOCK_DIAG_BY_FAMILY, Bytes(sizeof(a) + 2).data(), sizeof(a) + 2).record(c).done().record(a);
     memcpy(&padded.b[16], &a, sizeof(a));
-    DiagWalk w = walk(padded.b, s);
+    EXPECT_EQ(walk(padded.b, &w), (std::vector<uint32_t>{1, 3}));
     EXPECT_TRUE(w.finished && w.result == 0);
-    EXPECT_EQ(s.uids, (std::vector<uint32_t>{1, 3}));
-
-    s = {};
-    w = walk(Reply().record(a).error(-EPERM).record(c).b, s);
-    EXPECT_TRUE(w.finished);
-    EXPECT_EQ(w.result, -EPERM);
-    EXPECT_EQ(s.uids, std::vector<uint32_t>{1});
-
-    s = {};
-    EXPECT_FALSE(walk(Reply().record(a).record(c).b, s).finished);  // no DONE yet: read on
-    for (uint32_t len : {uint32_t(88 + 1), uint32_t(15)}) {
+    EXPECT_EQ(walk(Reply().record(a).error(-EPERM).record(c).b, &w), std::vector<uint32_t>{1});
+    EXPECT_TRUE(w.finished && w.result == -EPERM);
+    EXPECT_EQ(walk(Reply().record(a).record(c).b, &w).size(), 2u);
+    EXPECT_FALSE(w.finished);  // no DONE yet: read on
+    for (uint32_t len : {88u + 1, 15u}) {
         Reply bad = Reply().record(a);
         put32(bad.b, 0, len);
-        EXPECT_FALSE(walk(bad.b, s).finished) << len;
+        EXPECT_TRUE(walk(bad.b, &w).empty() && !w.finished) << len;
     }
-    EXPECT_EQ(s.uids.size(), 2u);
-
-    // Too short for a record: the handler is told there is none.
-    EXPECT_TRUE(walk(Reply().message(SOCK_DIAG_BY_FAMILY, "abcd", 4).done().b, s).finished);
-    EXPECT_EQ(s.nulls, 1);
-    // An error cut after its header reads as error 0.
-    Bytes cut = Reply().message(NLMSG_ERROR, nullptr, 0).b;
-    w = walk(cut, s);
+    // Too short for a record: the handler hears "none"; an error cut after its header reads as 0.
+    EXPECT_EQ(walk(Reply().message(SOCK_DIAG_BY_FAMILY, "abcd", 4).done().b, &w), std::vector<uint32_t>{0});
+    walk(Reply().message(NLMSG_ERROR, nullptr, 0).b, &w);
     EXPECT_TRUE(w.finished && w.result == 0);
 }
 

@@ -11,7 +11,6 @@
 #include <sched.h>
 #include <sys/fsuid.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -132,25 +131,6 @@ TEST_F(SockDiagKernelTest, DestroysEveryTcpAndUdpSocketOfTheUidAndNoOther) {
     log.clear();
     EXPECT_EQ(killUidSockets("10123"), 0);
     EXPECT_TRUE(log.lines().empty()) << log.dump();
-}
-
-TEST_F(SockDiagKernelTest, NoDescriptorLeaksWhenTheSecondSocketCannotOpen) {
-    // With the limit just above the lowest free descriptor, only one socket fits.
-    unique_fd probe(dup(0));
-    const int lowest = probe.get();
-    probe.reset();
-    rlimit saved, tight;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-    tight = saved;
-    tight.rlim_cur = static_cast<rlim_t>(lowest + 1);
-    LogCapture log;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
-    const int32_t result = killUidSockets("10123");
-    setrlimit(RLIMIT_NOFILE, &saved);
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(log.texts(), std::vector<std::string>{"Failed to open NETLINK_SOCK_DIAG socket: Too many open files"});
-    probe.reset(dup(0));
-    EXPECT_EQ(probe.get(), lowest);
 }
 
 }  // namespace
