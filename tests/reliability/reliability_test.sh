@@ -9,6 +9,7 @@ set -u  # no pipefail: "| grep -q" may close its pipe early
 readonly UID_APP=10123
 figure() { echo "FIGURE: $*"; }
 rel() { pd_bin probemond-rel-client "$@"; }
+rel_within() { local PD_LAUNCH=(timeout "$1"); rel "${@:2}"; }  # SECONDS ARGS...
 
 # A wrapper folder whose two tools run the shell text BODY; "$real" in it is the lab's tool.
 fake_bin() {
@@ -69,7 +70,7 @@ case_stress() {
     pd_bg toggler bash -c "while :; do '$PD_LAB' delay wlan0 150; sleep 7; '$PD_LAB' delay wlan0 20; sleep 7; done"
     for i in $(seq 0 7); do
         # Client 0 alone cycles auto-select; the timeout turns a wedged call into a failure.
-        pd_bg "client$i" timeout 90 "$PD_BIN/probemond-rel-client" stress 60 $((1000 + i)) $([ $i -eq 0 ] && echo 25)
+        pd_bg "client$i" rel_within 90 stress 60 $((1000 + i)) $([ $i -eq 0 ] && echo 25)
     done
     for i in $(seq 0 7); do
         wait "${PD_CHILDREN[$((i + 2))]}" || fail "client $i: $(head -c 600 "$PD_TMP/client$i")"
