@@ -71,22 +71,17 @@ TEST(BnKestNetworkProbeMon, LocalInterfaceOnlyForTheExactDescriptor) {
 }
 
 // Answers 7, or nothing at all (an empty reply), or fails the call.
-class Callee : public BBinder {
-public:
-    explicit Callee(status_t status, bool answer) : status_(status), answer_(answer) {}
-    std::string seen;
-
-protected:
+struct Callee : public BBinder {
+    Callee(status_t status, bool answer) : status(status), answer(answer) {}
     status_t onTransact(uint32_t, const Parcel& data, Parcel* reply, uint32_t) override {
         if (!data.enforceInterface(String16("NetworkProbeMon_Binder"))) return BAD_TYPE;
         seen = data.readCString();
-        if (answer_) reply->writeInt32(7);
-        return status_;
+        if (answer) reply->writeInt32(7);
+        return status;
     }
-
-private:
-    status_t status_;
-    bool answer_;
+    const status_t status;
+    const bool answer;
+    std::string seen;
 };
 
 int32_t callThrough(const sp<Callee>& client, const char* iface) {

@@ -135,10 +135,11 @@ TEST(RemoteService, EightClientThreadsOnAPoolOfTwoLeaveNoDescriptors) {
         EXPECT_EQ(0, wrong.load());
     }
     EXPECT_EQ(clientBefore, openFdCount());
-    // The server closes a connection when it sees its end.
+    // The server closes a connection when it sees its end (a lingering one can
+    // only have raised the first count).
     int32_t serverAfter = -1;
-    for (int i = 0; i < 200 && (serverAfter = serverFds()) != serverBefore; i++) usleep(10000);
-    EXPECT_EQ(serverBefore, serverAfter);
+    for (int i = 0; i < 200 && (serverAfter = serverFds()) > serverBefore; i++) usleep(10000);
+    EXPECT_LE(serverAfter, serverBefore);
 
     sp<IBinder> binder = waitForService("load");
     server.finish(true);

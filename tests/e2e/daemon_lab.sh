@@ -35,17 +35,8 @@ pd_cleanup() {
 }
 
 pd_clean_kernel() {
-    local t c prio
-    for t in mangle nat; do
-        while iptables-legacy -t "$t" -D OUTPUT -j kest_probemon_uid 2>/dev/null; do :; done
-        while iptables-legacy -t "$t" -D POSTROUTING -j kest_probemon_snat 2>/dev/null; do :; done
-        for c in $(iptables-legacy -t "$t" -S 2>/dev/null | sed -n 's/^-N \(kest_[a-z0-9_]*\)$/\1/p'); do
-            iptables-legacy -t "$t" -F "$c"
-        done
-        for c in $(iptables-legacy -t "$t" -S 2>/dev/null | sed -n 's/^-N \(kest_[a-z0-9_]*\)$/\1/p'); do
-            iptables-legacy -t "$t" -X "$c"
-        done
-    done
+    local t prio
+    for t in mangle nat; do iptables-legacy-save -t $t | grep -v kest_ | iptables-legacy-restore -T $t; done
     for prio in $(seq 29500 100 30400); do
         while ip -4 rule del prio "$prio" 2>/dev/null; do :; done
     done
@@ -94,6 +85,8 @@ pd_sanitizer_reports() {
 # The daemon's log texts, without liblog's prefix.
 pd_log_texts() { sed -n 's/^probemond [VDIWEF] [0-9-]* [0-9:.]* *[0-9]* *[0-9]* //p' "$PD_LOG"; }
 pd_log_count() { pd_log_texts | grep -c -- "$1"; }
+pd_log_at_least() { [ "$(pd_log_count "$1")" -ge "$2" ]; }  # PATTERN N
+pd_rtt_in() { local r; r="$(pd_ctl rtt "$1")"; [ "$r" -ge "$2" ] && [ "$r" -lt "$3" ]; }  # IFACE LO HI
 
 # pd_wait_file FILE TEXT SECONDS: waits for a line of FILE containing TEXT.
 pd_wait_file() { pd_wait_true "$3" grep -qF -- "$2" "$1"; }

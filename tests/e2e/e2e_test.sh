@@ -45,11 +45,6 @@ case_startup() {
     check_chains 2
 }
 
-probed() { [ "$(pd_log_count "^$1,rtt=")" -ge "$2" ]; }  # IFACE N: N probe lines at least
-rtt_in_range() {  # IFACE LO HI: LO <= rtt < HI
-    local r; r="$(pd_ctl rtt "$1")"
-    [ "$r" -ge "$2" ] && [ "$r" -lt "$3" ]
-}
 
 case_calls() {
     "$PD_LAB" delay wlan0 20
@@ -65,8 +60,8 @@ case_calls() {
     expect_eq "del-ip-rule" 0 "$(pd_ctl del-ip-rule wlan1)"
     expect_eq "rules after del-ip-rule" 0 "$(ip -4 rule show prio 29600 | grep -c .)"
     # The second probe line proves the first probe's result is stored.
-    pd_wait_true 10 probed wlan0 2 || fail "wlan0 did not probe twice"
-    rtt_in_range wlan0 20 100 || fail "rtt wlan0 with a 20 ms responder: $(pd_ctl rtt wlan0)"
+    pd_wait_true 10 pd_log_at_least "^wlan0,rtt=" 2 || fail "wlan0 did not probe twice"
+    pd_rtt_in wlan0 20 100 || fail "rtt wlan0 with a 20 ms responder: $(pd_ctl rtt wlan0)"
     expect_eq "stop-ping" 0 "$(pd_ctl stop-ping wlan0)"
     expect_eq "stop-all-ping" 0 "$(pd_ctl stop-all-ping)"
 
@@ -125,7 +120,7 @@ case_auto() {
     expect_eq "auto-select" 0 "$(pd_ctl auto-select "wlan0,rmnet_data0,")"
     pd_wait_file "$PD_TMP/watch" "onAutoSelect(wlan0)" 5 || fail "no start callback with the user's interface"
     # wlan0 gathers a history; no switch while it is fast.
-    pd_wait_true 15 probed wlan0 6 || fail "wlan0 was not probed as a candidate"
+    pd_wait_true 15 pd_log_at_least "^wlan0,rtt=" 6 || fail "wlan0 was not probed as a candidate"
     grep -q "onAutoSelect(rmnet_data0)" "$PD_TMP/watch" && fail "switched while wlan0 was fast"
     grep -q "closed:" "$PD_TMP/conn1" && fail "connection destroyed without a switch"
 

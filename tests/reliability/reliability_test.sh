@@ -9,6 +9,7 @@ set -u  # no pipefail: "| grep -q" may close its pipe early
 readonly UID_APP=10123
 figure() { echo "FIGURE: $*"; }
 rel() { pd_bin probemond-rel-client "$@"; }
+rel_within() { local PD_LAUNCH=(timeout "$1"); rel "${@:2}"; }  # SECONDS ARGS...
 
 # A wrapper folder whose two tools run the shell text BODY; "$real" in it is the lab's tool.
 fake_bin() {
@@ -69,7 +70,7 @@ case_stress() {
     pd_bg toggler bash -c "while :; do '$PD_LAB' delay wlan0 150; sleep 7; '$PD_LAB' delay wlan0 20; sleep 7; done"
     for i in $(seq 0 7); do
         # Client 0 alone cycles auto-select; the timeout turns a wedged call into a failure.
-        pd_bg "client$i" timeout 90 "$PD_BIN/probemond-rel-client" stress 60 $((1000 + i)) $([ $i -eq 0 ] && echo 25)
+        pd_bg "client$i" rel_within 90 stress 60 $((1000 + i)) $([ $i -eq 0 ] && echo 25)
     done
     for i in $(seq 0 7); do
         wait "${PD_CHILDREN[$((i + 2))]}" || fail "client $i: $(head -c 600 "$PD_TMP/client$i")"
@@ -113,8 +114,9 @@ case_wrappers() {
             expect_eq "tool stderr lines" "$n" "$(grep -cx 'tool error' "$PD_LOG")"
             grep -qxF "PROBEMOND EXECNETD RESP refused: -w -t mangle -I kest_probemon_iface_rmnet -j kest_probemon_rmnet_data1" <<<"$texts" ||
                 fail "the select's insert did not run after earlier failures"
-            expect_eq "inherited descriptors" "" "$(sed -n 's/^PROBEMOND EXECNETD RESP FDLIST [0-9]* //p' <<<"$texts" |
-                grep -vE "^[012] |$PD_TMP/sysbin/" | head -n 5)"
+            local fdlist; fdlist="$(sed -n 's/^PROBEMOND EXECNETD RESP FDLIST //p' <<<"$texts")"
+            expect_eq "wrapper runs that listed their descriptors" "$n" "$(cut -d' ' -f1 <<<"$fdlist" | sort -u | wc -l)"
+            expect_eq "inherited descriptors" "" "$(cut -d' ' -f2- <<<"$fdlist" | grep -vE "^[012] |$PD_TMP/sysbin/" | head -n 5)"
             figure "wrappers failing_commands=$n" ;;
         *)
             # A line is read in pieces of 1023 characters and logged within 1024 bytes.
@@ -129,22 +131,17 @@ case_wrappers() {
     done
 }
 
-rtt_in_range() {  # IFACE LO HI: LO <= rtt < HI
-    local r; r="$(pd_ctl rtt "$1")"
-    [ "$r" -ge "$2" ] && [ "$r" -lt "$3" ]
-}
-
 case_iface_recreated() {
     "$PD_LAB" delay wlan1 20
     pd_start_daemon || { fail "start"; return; }
     pd_ctl start-ping wlan1 >/dev/null
-    pd_wait_true 5 rtt_in_range wlan1 20 100 || fail "wlan1 never measured"
+    pd_wait_true 5 pd_rtt_in wlan1 20 100 || fail "wlan1 never measured"
     ip link del wlan1 || { fail "cannot delete wlan1"; return; }
     expect_eq "rtt of a deleted interface" -1 "$(pd_ctl rtt wlan1)"
     pd_wait_log "Failed to bind socket on wlan1" 5 || fail "the worker did not report the missing device"
     pd_wait_log "wlan1,rtt=200," 5 || fail "the worker did not report the timeout"
     "$PD_LAB" relink wlan1 || { fail "cannot re-create wlan1"; return; }
-    pd_wait_true 10 rtt_in_range wlan1 20 100 || fail "wlan1 did not recover: rtt $(pd_ctl rtt wlan1)"
+    pd_wait_true 10 pd_rtt_in wlan1 20 100 || fail "wlan1 did not recover: rtt $(pd_ctl rtt wlan1)"
     expect_healthy "after the interface came back"
 }
 
@@ -158,7 +155,7 @@ case_resolvers_silent() {
     printf 'vendor.kest.probemond.ping_timeout=50\nvendor.kest.probemond.rtt_timeout_threshold=50\n' >>"$PROBEMOND_PROPERTY_FILE"
     pd_start_daemon || { fail "start"; return; }
     pd_ctl start-ping wlan0 >/dev/null
-    pd_wait_true 45 test_count 'switch DNS to' 4 || fail "fewer than four switches"
+    pd_wait_true 45 pd_log_at_least 'switch DNS to' 4 || fail "fewer than four switches"
     walk="$(pd_log_texts | sed -n 's/^Ping thread [0-9]* on wlan0 switch DNS to //p' | head -n 4 | paste -sd ' ')"
     expect_eq "servers walked" "1.1.1.1 8.8.4.4 1.0.0.1 8.8.8.8" "$walk"
     expect_eq "rtt of a silent interface" 50 "$(pd_ctl rtt wlan0)"
@@ -166,10 +163,9 @@ case_resolvers_silent() {
     expect_eq "records on the last server" 10 "$(pd_ctl dump | grep -c ' server=8.8.8.8 ')"
     "$PD_LAB" fault wlan0 off
     "$PD_LAB" delay wlan0 20
-    pd_wait_true 10 rtt_in_range wlan0 20 50 || fail "wlan0 did not recover: rtt $(pd_ctl rtt wlan0)"
+    pd_wait_true 10 pd_rtt_in wlan0 20 50 || fail "wlan0 did not recover: rtt $(pd_ctl rtt wlan0)"
     expect_healthy "after every resolver was silent"
 }
-test_count() { [ "$(pd_log_count "$1")" -ge "$2" ]; }
 
 case_callback_killed() {
     "$PD_LAB" delay wlan0 20
@@ -208,7 +204,7 @@ case_no_net_admin() {
     expect_eq "select with socket destruction" 0 "$(pd_ctl select rmnet_data0)"
     pd_wait_log "selectInterface prev=wlan0, curr=rmnet_data0, kill=1" 5 || fail "no kill=1 selection"
     pd_ctl start-ping wlan0 >/dev/null
-    pd_wait_true 5 rtt_in_range wlan0 20 100 || fail "no probe without CAP_NET_ADMIN: rtt $(pd_ctl rtt wlan0)"
+    pd_wait_true 5 pd_rtt_in wlan0 20 100 || fail "no probe without CAP_NET_ADMIN: rtt $(pd_ctl rtt wlan0)"
     grep -q "closed:" "$PD_TMP/conn1" && fail "a socket was destroyed without CAP_NET_ADMIN"
     expect_eq "Destroyed or failure lines" 0 "$(pd_log_count 'Destroyed [0-9]* sockets\|Failed to kill sockets of uid')"
     grep -q "Permission denied" "$PD_LOG" || fail "the wrappers were not refused"
@@ -221,11 +217,11 @@ case_property_garbage() {
     # A timeout that is no number: zero-length waits, 0 as the result, below the threshold.
     echo "vendor.kest.probemond.ping_timeout=abc" >"$PROBEMOND_PROPERTY_FILE"
     pd_ctl start-ping wlan0 >/dev/null
-    pd_wait_true 6 test_count '^wlan0,rtt=0,' 3 || fail "no probe returned 0 with a garbage timeout"
+    pd_wait_true 6 pd_log_at_least '^wlan0,rtt=0,' 3 || fail "no probe returned 0 with a garbage timeout"
     expect_eq "switches with a garbage timeout" 0 "$(pd_log_count 'switch DNS to')"
     # A threshold that is no number: 0, so the servers move every six probes.
     echo "vendor.kest.probemond.rtt_timeout_threshold=xyz" >"$PROBEMOND_PROPERTY_FILE"
-    pd_wait_true 20 test_count 'switch DNS to' 2 || fail "servers did not rotate"
+    pd_wait_true 20 pd_log_at_least 'switch DNS to' 2 || fail "servers did not rotate"
     expect_eq "probes between two switches" 6 \
         "$(pd_log_texts | awk '/switch DNS to/ {n++; next} n == 1 && /^wlan0,rtt=/ {c++} END {print c + 0}')"
     # Binary junk around a real setting: the setting still takes effect.

@@ -64,7 +64,6 @@ TEST(ServiceManager, NamesRegistrationLookupAndDeadServices) {
     ASSERT_EQ(OK, sm->addService(String16("echo/one"), echo));
     EXPECT_EQ(echo.get(), sm->checkService(String16("echo/one")).get());
     EXPECT_EQ(nullptr, sm->checkService(String16("echo/two")).get());
-    EXPECT_EQ(nullptr, sm->checkService(String16("../etc")).get());
 
     // A socket whose process is gone counts as absent, and goes.
     const std::string ghost = serviceDir() + "/ghost";
@@ -76,7 +75,6 @@ TEST(ServiceManager, NamesRegistrationLookupAndDeadServices) {
     close(s);
     EXPECT_EQ(nullptr, sm->checkService(String16("ghost")).get());
     EXPECT_NE(0, access(ghost.c_str(), F_OK));
-    EXPECT_EQ(DEAD_OBJECT, sp<BpBinder>(new BpBinder(serviceDir() + "/nobody", getpid()))->pingBinder());
     sp<BpBinder> wrongPid = new BpBinder(serviceDir() + "/echo%one", getpid() + 1);
     EXPECT_EQ(DEAD_OBJECT, wrongPid->pingBinder());
     EXPECT_FALSE(wrongPid->isBinderAlive());
