@@ -52,7 +52,7 @@ bool labReset() {
     bool ok = true;
     for (const char* iface : {"wlan0", "wlan1", "rmnet_data0", "rmnet_data1", "rmnet_data2", "rmnet_data3",
                               "rmnet_data4", "rmnet_data5", "rmnet_data6", "rmnet_data7"})
-        ok &= labDelay(iface, 0) & labLoss(iface, 0) & labFault(iface, "off");
+        for (bool done : {labDelay(iface, 0), labLoss(iface, 0), labFault(iface, "off")}) ok = ok && done;
     return ok;
 }
 
