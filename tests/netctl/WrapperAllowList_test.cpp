@@ -1,8 +1,10 @@
 // Every command line the managers can issue, produced by the managers
 // themselves, against the wrappers' allow-lists in device/wrappers/.
+#include <regex.h>
+
+#include <deque>
 #include <fstream>
 #include <iostream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -44,6 +46,9 @@ Lines everyCommandLine() {
 }
 
 struct AllowList {
+    ~AllowList() {
+        for (auto& re : patterns) regfree(&re);
+    }
     // Adds the patterns of one list file.
     void load(const std::string& name) {
         std::ifstream in(std::string(WRAPPER_LISTS_DIR) + "/" + name);
@@ -52,7 +57,8 @@ struct AllowList {
             if (line.empty() || line[0] == '#') continue;
             const size_t space = line.find(' ');
             tools.push_back(line.substr(0, space));
-            patterns.emplace_back(line.substr(space + 1), std::regex::extended);
+            patterns.emplace_back();
+            ASSERT_EQ(regcomp(&patterns.back(), line.substr(space + 1).c_str(), REG_EXTENDED | REG_NOSUB), 0) << line;
         }
     }
     // "/system/bin/<tool>-wrapper-1.0 <arguments>": accepted when a pattern of the tool matches the arguments.
@@ -60,7 +66,7 @@ struct AllowList {
         const size_t slash = command.rfind('/', command.find(' ')), space = command.find(' ');
         const std::string tool = command.substr(slash + 1, command.find("-wrapper-1.0") - slash - 1);
         for (size_t i = 0; i < patterns.size(); ++i)
-            if (tools[i] == tool && std::regex_search(command.substr(space + 1), patterns[i])) return true;
+            if (tools[i] == tool && regexec(&patterns[i], command.c_str() + space + 1, 0, nullptr, 0) == 0) return true;
         return false;
     }
     Lines refused(const Lines& commands) const {
@@ -70,7 +76,7 @@ struct AllowList {
         return out;
     }
     Lines tools;
-    std::vector<std::regex> patterns;
+    std::deque<regex_t> patterns;  // never moved once compiled
 };
 
 std::string joined(const Lines& lines) {
