@@ -6,4 +6,4 @@ BIN="${PROBEMOND_BUILD_DIR:-$ROOT/build}/bin/bench-destroy"
 [ -x "$BIN" ] || { echo "bench destroy: $BIN not built (./run build)" >&2; exit 2; }
 command -v ss >/dev/null || { echo "skipped: ss (iproute2) is not installed"; exit 77; }
 echo "== destroy: killUidSockets vs ss -K =="
-exec "$BIN"
+exec ${PROBEMOND_EMULATOR:-} "$BIN"

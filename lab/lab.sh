@@ -14,8 +14,9 @@
 #
 # PROBEMOND_LAB (default "probemond") names the lab; labs with different
 # names are independent. PROBEMOND_BUILD_DIR (default <repo>/build) is where
-# the responder is found. Exit 77 means "cannot run here" (no root or no
-# network namespaces).
+# the responder is found; PROBEMOND_EMULATOR (qemu-aarch64 ...) starts it
+# when it is built for another architecture. Exit 77 means "cannot run
+# here" (no root or no network namespaces).
 set -uo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -69,7 +70,8 @@ responder_pid() {
     local pid
     pid="$(cat "$STATE/responder.pid" 2>/dev/null)" || return 1
     [ -n "$pid" ] && [ -d "/proc/$pid" ] || return 1
-    grep -q '^probemond-resp' "/proc/$pid/comm" 2>/dev/null || return 1
+    # Not comm: under an emulator the process is named after it.
+    tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null | grep -q "/probemond-responder " || return 1
     echo "$pid"
 }
 
@@ -150,7 +152,7 @@ start_responder() {
     responder_pid >/dev/null && return 0
     [ -x "$RESPONDER" ] || die "responder not built: $RESPONDER (run ./run build, or set PROBEMOND_BUILD_DIR)"
     rm -f "$STATE/responder.pid"
-    setsid "$RESPONDER" --state-dir "$STATE" --netns "/run/netns/$NET" \
+    setsid ${PROBEMOND_EMULATOR:-} "$RESPONDER" --state-dir "$STATE" --netns "/run/netns/$NET" \
         </dev/null >>"$STATE/responder.log" 2>&1 9<&- &
     local n
     for n in $(seq 100); do

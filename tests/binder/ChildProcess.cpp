@@ -38,8 +38,13 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv)
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, mOutPath.c_str(), O_WRONLY | O_TRUNC, 0);
     posix_spawn_file_actions_addopen(&actions, 2, mErrPath.c_str(), O_WRONLY | O_TRUNC, 0);
+    // A cross-built program runs through the emulator the test runs under.
+    std::vector<std::string> words;
+    std::istringstream emulator(getenv("PROBEMOND_EMULATOR") ? getenv("PROBEMOND_EMULATOR") : "");
+    for (std::string w; emulator >> w;) words.push_back(w);
+    words.insert(words.end(), argv.begin(), argv.end());
     std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    for (const std::string& a : words) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
     if (posix_spawn(&mPid, args[0], &actions, nullptr, args.data(), environ) != 0) mPid = -1;
     posix_spawn_file_actions_destroy(&actions);

@@ -16,7 +16,8 @@ struct RunResult {
 
 class ChildProcess {
 public:
-    // Starts argv[0] with the test's environment; output goes to private files.
+    // Starts argv[0] with the test's environment (through PROBEMOND_EMULATOR
+    // when set); output goes to private files.
     explicit ChildProcess(const std::vector<std::string>& argv);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;

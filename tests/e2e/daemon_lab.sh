@@ -17,6 +17,20 @@ pd_init() {
     # A race report must not scroll by in a log that is deleted afterwards.
     export TSAN_OPTIONS="halt_on_error=1 ${TSAN_OPTIONS:-}"
     PD_CHILDREN=()
+    # Target programs under an emulator: PD_BIN becomes launchers that start
+    # each through PROBEMOND_EMULATOR, for every caller (setpriv, timeout,
+    # netexec, programs that spawn probemonctl). The launcher execs, so a
+    # program's pid is the launcher's.
+    if [ -n "${PROBEMOND_EMULATOR:-}" ]; then
+        local b
+        mkdir -p "$PD_TMP/bin"
+        chmod 711 "$PD_TMP"  # programs run as application UIDs too
+        for b in "$PD_BIN"/*; do
+            printf '#!/bin/sh\nexec %s "%s" "$@"\n' "$PROBEMOND_EMULATOR" "$b" >"$PD_TMP/bin/${b##*/}"
+            chmod +x "$PD_TMP/bin/${b##*/}"
+        done
+        PD_BIN="$PD_TMP/bin"
+    fi
 }
 
 # Stops everything started here and leaves the lab's kernel state as found.
@@ -56,11 +70,12 @@ pd_start_daemon() {
     pd_wait_for_service
 }
 
-# pd_wait_for_service: waits (5 s at most) until the daemon started as
-# PD_DAEMON_PID has registered its service; fails at once if it died.
+# pd_wait_for_service: waits (5 s at most; 60 s under an emulator, where each
+# of the start-up's wrapper commands forks the emulator) until the daemon
+# started as PD_DAEMON_PID has registered its service; fails at once if it died.
 pd_wait_for_service() {
     local n
-    for n in $(seq 100); do
+    for n in $(seq "$([ -n "${PROBEMOND_EMULATOR:-}" ] && echo 1200 || echo 100)"); do
         [ -S "$PROBEMOND_BINDER_DIR/vndbinder/probemond_Binder" ] && return 0
         kill -0 "$PD_DAEMON_PID" 2>/dev/null || return 1
         sleep 0.05
