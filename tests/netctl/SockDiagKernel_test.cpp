@@ -6,6 +6,8 @@
 #include <android/log.h>
 #include <arpa/inet.h>
 #include <errno.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -18,6 +20,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -165,6 +168,14 @@ protected:
         ifr.ifr_flags = IFF_UP;
         if (ioctl(fd, SIOCSIFFLAGS, &ifr) != 0) gSkipReason = "cannot bring lo up";
         close(fd);
+        // qemu-user refuses netlink protocols it does not translate; a kernel
+        // without sock_diag is a failure, not a skip.
+        const char* emulator = getenv("PROBEMOND_EMULATOR");
+        fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+        if (fd < 0 && errno == EPROTONOSUPPORT && emulator != nullptr && *emulator != '\0') {
+            gSkipReason = std::string("the emulator (") + emulator + ") does not translate NETLINK_SOCK_DIAG";
+        }
+        if (fd >= 0) close(fd);
     }
     void SetUp() override {
         if (!gSkipReason.empty()) GTEST_SKIP() << gSkipReason;

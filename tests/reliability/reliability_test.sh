@@ -365,7 +365,7 @@ case_no_net_admin() {
     sleep 1
     grep -q "closed:" "$PD_TMP/conn1" && fail "a socket was destroyed without CAP_NET_ADMIN"
     expect_eq "Destroyed lines" 0 "$(grep -c 'Destroyed [0-9]* sockets' "$PD_TMP/texts")"
-    expect_eq "kill failures (the result stays 0)" 0 "$(grep -c 'Failed to kill sockets of uid' "$PD_TMP/texts")"
+    unless_sock_diag_refused expect_eq "kill failures (the result stays 0)" 0 "$(grep -c 'Failed to kill sockets of uid' "$PD_TMP/texts")"
     local refused
     refused="$(grep -c 'Permission denied' "$PD_LOG")"
     [ "$refused" -gt 0 ] || fail "the wrappers were not refused"
@@ -537,5 +537,6 @@ if ! declare -F "case_$case_name" >/dev/null; then
     exit 2
 fi
 "case_$case_name"
+[ $FAILED -eq 0 ] && [ -n "$SKIPPED" ] && { echo "skipped: $SKIPPED"; exit 77; }
 [ $FAILED -eq 0 ] && echo "PASS: $case_name"
 exit $FAILED
