@@ -5,5 +5,6 @@ ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 BIN="${PROBEMOND_BUILD_DIR:-$ROOT/build}/bin/bench-destroy"
 [ -x "$BIN" ] || { echo "bench destroy: $BIN not built (./run build)" >&2; exit 2; }
 command -v ss >/dev/null || { echo "skipped: ss (iproute2) is not installed"; exit 77; }
+[ -z "${PROBEMOND_EMULATOR:-}" ] || { echo "skipped: destroy times socket destruction: qemu-user does not translate NETLINK_SOCK_DIAG"; exit 77; }
 echo "== destroy: killUidSockets vs ss -K =="
-exec "$BIN"
+exec ${PROBEMOND_EMULATOR:-} "$BIN"

@@ -36,7 +36,7 @@ printf '%-9s %-14s %8s %10s %10s %10s\n' DELAY TOOL SAMPLES MEAN-ms MAE-ms MAX-E
 for delay in 5 30 150; do
     "$LAB" delay "$IFACE" "$delay" || exit 1
     read -r n mean mae max < <("$LAB" exec env PROBEMOND_PROPERTY_FILE="$props" \
-        "$BIN" "$IFACE" "$SERVER" "$COUNT" 100 | stats "$delay")
+        ${PROBEMOND_EMULATOR:-} "$BIN" "$IFACE" "$SERVER" "$COUNT" 100 | stats "$delay")
     printf '%-9s %-14s %8s %10s %10s %10s\n' "$delay ms" "Ping::ping" "$n" "$mean" "$mae" "$max"
     read -r n mean mae max < <("$LAB" exec ping -n -c "$COUNT" -i 0.1 -I "$IFACE" "$SERVER" 2>/dev/null \
         | sed -n 's/.*time=\([0-9.]*\) ms.*/\1/p' | stats "$delay")

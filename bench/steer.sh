@@ -19,6 +19,7 @@ LAB="$ROOT/lab/lab.sh"
 CHANGES="${PROBEMOND_BENCH_CHANGES:-6}"
 CHANGES=$(( (CHANGES + 1) / 2 * 2 ))  # even: every row starts and ends on wlan0
 
+[ -z "${PROBEMOND_EMULATOR:-}" ] || { echo "skipped: steer times socket destruction: qemu-user does not translate NETLINK_SOCK_DIAG"; exit 77; }
 . "$ROOT/bench/lab_bench.sh"
 bench_in_lab steering "$ROOT/bench/steer.sh" "${1:-}" probemond probemonctl probemond-responder probemond-bench-steer
 

@@ -3,13 +3,19 @@ enable_testing()
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
+# How scripts and test helpers start a target program: empty on the host,
+# the emulator command line in a cross build (space-separated, for shells).
+string(JOIN " " PROBEMOND_EMULATOR ${CMAKE_CROSSCOMPILING_EMULATOR})
+set(PROBEMOND_EMULATOR_LINE "${PROBEMOND_EMULATOR}" CACHE INTERNAL "for ./run bench")
+
 # probemond_add_unit_test(NAME SOURCES... LIBS...)
 # A GoogleTest binary whose cases run in-process, without privileges.
 function(probemond_add_unit_test name)
   cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} probemond_testsupport GTest::gtest GTest::gmock GTest::gtest_main)
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT 300 ENVIRONMENT "PROBEMOND_EMULATOR=${PROBEMOND_EMULATOR}")
 endfunction()
 
 # probemond_add_lab_test(NAME SOURCES... LIBS...)
@@ -21,8 +27,8 @@ function(probemond_add_lab_test name)
   cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} probemond_testsupport GTest::gtest GTest::gmock GTest::gtest_main)
-  add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/lab.sh exec $<TARGET_FILE:${name}>)
+  add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/lab.sh exec ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES
     FIXTURES_REQUIRED lab RESOURCE_LOCK lab SKIP_RETURN_CODE 77 TIMEOUT 600
-    LABELS lab ENVIRONMENT "PROBEMOND_SOURCE_DIR=${CMAKE_SOURCE_DIR};PROBEMOND_BUILD_DIR=${CMAKE_BINARY_DIR}")
+    LABELS lab ENVIRONMENT "PROBEMOND_SOURCE_DIR=${CMAKE_SOURCE_DIR};PROBEMOND_BUILD_DIR=${CMAKE_BINARY_DIR};PROBEMOND_EMULATOR=${PROBEMOND_EMULATOR}")
 endfunction()

@@ -17,7 +17,9 @@
 # brought up now belongs to (a test run, the demo, a benchmark): `down` then
 # refuses while that process lives, unless it is the owner asking or --force.
 # A lab without an owner (interactive use) goes down on any request.
-# PROBEMOND_BUILD_DIR (default <repo>/build) is where the responder is found.
+# PROBEMOND_BUILD_DIR (default <repo>/build) is where the responder is found;
+# PROBEMOND_EMULATOR (qemu-aarch64 ...) starts it when it is built for another
+# architecture.
 # Exit 77 means "cannot run here" (no root or no network namespaces).
 set -uo pipefail
 
@@ -75,7 +77,8 @@ responder_pid() {
     local pid
     pid="$(cat "$STATE/responder.pid" 2>/dev/null)" || return 1
     [ -n "$pid" ] && [ -d "/proc/$pid" ] || return 1
-    grep -q '^probemond-resp' "/proc/$pid/comm" 2>/dev/null || return 1
+    # Not comm: under an emulator the process is named after it.
+    tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null | grep -q "/probemond-responder " || return 1
     echo "$pid"
 }
 
@@ -193,7 +196,7 @@ start_responder() {
     responder_pid >/dev/null && return 0
     [ -x "$RESPONDER" ] || die "responder not built: $RESPONDER (run ./run build, or set PROBEMOND_BUILD_DIR)"
     rm -f "$STATE/responder.pid"
-    setsid "$RESPONDER" --state-dir "$STATE" --netns "/run/netns/$NET" \
+    setsid ${PROBEMOND_EMULATOR:-} "$RESPONDER" --state-dir "$STATE" --netns "/run/netns/$NET" \
         </dev/null >>"$STATE/responder.log" 2>&1 9<&- &
     local n
     for n in $(seq 100); do
