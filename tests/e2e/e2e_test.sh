@@ -39,7 +39,7 @@ case_startup() {
 
     # A restart flushes what the last run steered and adds the jumps again.
     expect_eq "add-uid" 0 "$(pd_ctl add-uid $UID_APP)"
-    iptables-legacy -t mangle -S kest_probemon_uid | grep -q -- "--uid-owner $UID_APP" || fail "no uid rule after add-uid"
+    iptables-legacy -w -t mangle -S kest_probemon_uid | grep -q -- "--uid-owner $UID_APP" || fail "no uid rule after add-uid"
     pd_stop_daemon
     pd_start_daemon || { fail "second start"; return; }
     check_chains 2
@@ -96,7 +96,7 @@ case_manual() {
     expect_eq "carrier on wlan0" wlan0 "$(pd_udp_carrier $UID_APP 200)"
 
     expect_eq "select rmnet_data0" 0 "$(pd_ctl select rmnet_data0)"
-    pd_wait_file "$PD_TMP/conn1" "closed:" 5 || fail "open TCP connection survived the switch"
+    pd_wait_file "$PD_TMP/conn1" "closed:" 5 || unless_sock_diag_refused fail "open TCP connection survived the switch"
     pd_log_texts | grep -qxF "selectInterface prev=wlan0, curr=rmnet_data0, kill=1" || fail "no prev/curr line"
     expect_eq "carrier on rmnet_data0" rmnet_data0 "$(pd_udp_carrier $UID_APP 200)"
     pd_hold conn2 $UID_APP 7001 || { fail "reconnect failed"; return; }
@@ -128,7 +128,7 @@ case_auto() {
     pd_wait_file "$PD_TMP/watch" "onAutoSelect(rmnet_data0)" 30 || { fail "no switch to rmnet_data0"; return; }
     # The client hears of the switch before the firewall follows.
     pd_wait_true 5 pd_auto_branch_is kest_probemon_rmnet_data0 || fail "auto branch: '$(pd_auto_branch)'"
-    pd_wait_file "$PD_TMP/conn1" "closed:" 5 || fail "open TCP connection survived the switch"
+    pd_wait_file "$PD_TMP/conn1" "closed:" 5 || unless_sock_diag_refused fail "open TCP connection survived the switch"
     expect_eq "carrier after the switch" rmnet_data0 "$(pd_udp_carrier $UID_APP 200)"
     # The dump and top keep the decision, with both medians, and the user's first selection.
     local out; out="$(pd_ctl dump)"

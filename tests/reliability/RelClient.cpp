@@ -89,7 +89,10 @@ int stress(double seconds, unsigned seed, double cycle) {
             for (auto [code, arg] : {std::make_pair(M::DISABLE_AUTO_SELECT, ""), {M::SELECT_INTERFACE, "wlan1"},
                                      {M::SELECT_INTERFACE, "wlan0"}, {M::ENABLE_AUTO_SELECT, "wlan0,rmnet_data0,"}})
                 note(send(code, *arg || code != M::DISABLE_AUTO_SELECT ? cstr(arg) : "", &r) == OK && r == 0, "cycle");
-            note(elapsed() - lastCycle < 5, "cycle took " + std::to_string(elapsed() - lastCycle) + " s");
+            // Under an emulator every wrapper command forks it: only a hang fails there.
+            const char* emu = getenv("PROBEMOND_EMULATOR");
+            const double bound = emu != nullptr && *emu != '\0' ? 30 : 5;
+            note(elapsed() - lastCycle < bound, "cycle took " + std::to_string(elapsed() - lastCycle) + " s");
             continue;
         }
         // Mostly reads, as a client polls; 14 goes to the platform's default.

@@ -108,7 +108,7 @@ case_wrappers() {
         case "$body" in
         "")
             [ "$(grep -c 'wrapper-1.0: not found' "$PD_LOG")" -gt 80 ] || fail "too few 'not found' lines"
-            expect_eq "chains made" 0 "$(iptables-legacy -t mangle -S | grep -c kest_)" ;;
+            expect_eq "chains made" 0 "$(iptables-legacy -w -t mangle -S | grep -c kest_)" ;;
         find*)
             n="$(grep -c '^PROBEMOND EXECNETD RESP refused: ' <<<"$texts")"
             expect_eq "tool stderr lines" "$n" "$(grep -cx 'tool error' "$PD_LOG")"
@@ -206,7 +206,7 @@ case_no_net_admin() {
     pd_ctl start-ping wlan0 >/dev/null
     pd_wait_true 5 pd_rtt_in wlan0 20 100 || fail "no probe without CAP_NET_ADMIN: rtt $(pd_ctl rtt wlan0)"
     grep -q "closed:" "$PD_TMP/conn1" && fail "a socket was destroyed without CAP_NET_ADMIN"
-    expect_eq "Destroyed or failure lines" 0 "$(pd_log_count 'Destroyed [0-9]* sockets\|Failed to kill sockets of uid')"
+    unless_sock_diag_refused expect_eq "Destroyed or failure lines" 0 "$(pd_log_count 'Destroyed [0-9]* sockets\|Failed to kill sockets of uid')"
     grep -q "Permission denied" "$PD_LOG" || fail "the wrappers were not refused"
     expect_healthy "without CAP_NET_ADMIN"
 }
