@@ -59,6 +59,18 @@ steer_wlan0_with_auto() {
     pd_wait_log "Auto select thread" 5 || fail "auto-select did not start"
 }
 
+# wlan0 turns slow until auto-select leaves it and fast until the auto branch
+# leaves rmnet_data0 (a switch back, or the flush of a restart, which begins on
+# wlan0), so the engine keeps switching both ways however loaded the machine is.
+toggle_wlan0() {
+    while :; do
+        "$PD_LAB" delay wlan0 150
+        until pd_auto_branch_is kest_probemon_rmnet_data0; do sleep 0.5; done
+        "$PD_LAB" delay wlan0 20
+        while pd_auto_branch_is kest_probemon_rmnet_data0; do sleep 0.5; done
+    done
+}
+
 case_stress() {
     "$PD_LAB" delay wlan0 20
     "$PD_LAB" delay rmnet_data0 40
@@ -66,8 +78,7 @@ case_stress() {
     pd_bg watch pd_bin probemonctl watch
     steer_wlan0_with_auto
     local before i total=0; before="$(at_rest)"
-    # wlan0 turns slow and fast again, so auto-select keeps switching.
-    pd_bg toggler bash -c "while :; do '$PD_LAB' delay wlan0 150; sleep 7; '$PD_LAB' delay wlan0 20; sleep 7; done"
+    pd_bg toggler toggle_wlan0
     for i in $(seq 0 7); do
         # Client 0 alone cycles auto-select; the timeout turns a wedged call into a failure.
         pd_bg "client$i" rel_within 90 stress 60 $((1000 + i)) $([ $i -eq 0 ] && echo 25)
