@@ -9,10 +9,6 @@
 namespace probemond::test {
 
 TempPropertyFile::TempPropertyFile() {
-    if (const char* prev = getenv("PROBEMOND_PROPERTY_FILE")) {
-        hadPrevious_ = true;
-        previous_ = prev;
-    }
     char tmpl[] = "/tmp/probemond-props-XXXXXX";
     int fd = mkstemp(tmpl);
     if (fd >= 0) close(fd);
@@ -22,8 +18,7 @@ TempPropertyFile::TempPropertyFile() {
 
 TempPropertyFile::~TempPropertyFile() {
     unlink(path_.c_str());
-    if (hadPrevious_) setenv("PROBEMOND_PROPERTY_FILE", previous_.c_str(), 1);
-    else unsetenv("PROBEMOND_PROPERTY_FILE");
+    unsetenv("PROBEMOND_PROPERTY_FILE");
 }
 
 void TempPropertyFile::set(const std::string& key, const std::string& value) {
