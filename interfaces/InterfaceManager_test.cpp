@@ -1,7 +1,6 @@
 // The registry, the ping-worker controls and manual selection, on fakes.
 #include "interfaces/InterfaceManager.h"
 
-#include <android/log.h>
 #include <gtest/gtest.h>
 
 #include "LogCapture.h"
