@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -28,10 +27,10 @@ bool waitUntil(Pred done, int ms = 5000) {
     return true;
 }
 
-// Probes answer from `script` (30 once it runs dry) and record the server
-// asked. Workers using it are stepped on the test's own thread.
+// Probes answer `rtt` and record the server asked. Workers using it are
+// stepped on the test's own thread.
 struct FakeProbes : ifaces::RttProberFactory {
-    std::deque<int32_t> script;
+    int32_t rtt = 30;
     Strings servers;
 
     struct Prober : ifaces::RttProber {
@@ -39,9 +38,7 @@ struct FakeProbes : ifaces::RttProberFactory {
         explicit Prober(FakeProbes& probes) : p(probes) {}
         int32_t ping(const char*, const char* server) override {
             p.servers.push_back(server);
-            const int32_t rtt = p.script.empty() ? 30 : p.script.front();
-            if (!p.script.empty()) p.script.pop_front();
-            return rtt;
+            return p.rtt;
         }
     };
     std::unique_ptr<ifaces::RttProber> create(const InterfaceInfo&) override {

@@ -18,6 +18,10 @@ namespace {
 
 constexpr const char* kTimeout = "vendor.kest.probemond.ping_timeout";
 
+long msSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
 class ProbeLab : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -35,15 +39,6 @@ protected:
         if (realTime_) sched_setscheduler(0, policy_, &saved_);
         if (labAvailable()) labReset();
     }
-    // One probe; its result, and how long it took in `elapsedMs`.
-    int32_t timed(Ping& p, const char* iface, const char* server, long* elapsedMs) {
-        const auto start = std::chrono::steady_clock::now();
-        const int32_t rtt = p.ping(iface, server);
-        *elapsedMs = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                               std::chrono::steady_clock::now() - start).count());
-        return rtt;
-    }
-
     TempPropertyFile props_;
     sched_param saved_{};
     int policy_ = SCHED_OTHER;
@@ -90,8 +85,9 @@ TEST_F(ProbeLab, SilenceEndsWithTheTimeoutAndWrapsTheSequence) {
     ASSERT_TRUE(labFault("rmnet_data3", "silent"));
     Ping p;
     p.sequenceNumber = 65535;
-    long elapsed = 0;
-    EXPECT_EQ(500, timed(p, "rmnet_data3", "8.8.4.4", &elapsed));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(500, p.ping("rmnet_data3", "8.8.4.4"));
+    const long elapsed = msSince(start);
     EXPECT_GE(elapsed, 490);
     EXPECT_LT(elapsed, 900);
     EXPECT_EQ(0, p.sequenceNumber);
@@ -132,9 +128,9 @@ TEST_F(ProbeLab, RejectedRepliesRestartTheWait) {
     ASSERT_TRUE(labDelay("rmnet_data2", 60));
     ASSERT_TRUE(labFault("rmnet_data2", "wrong-seq"));
     Ping p;
-    long elapsed = 0;
-    EXPECT_EQ(150, timed(p, "rmnet_data2", "114.114.115.115", &elapsed));
-    EXPECT_GE(elapsed, 60 + 145);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(150, p.ping("rmnet_data2", "114.114.115.115"));
+    EXPECT_GE(msSince(start), 60 + 145);
 }
 
 }  // namespace

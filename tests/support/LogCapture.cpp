@@ -2,10 +2,7 @@
 
 #include <android/log.h>
 
-#include <chrono>
-#include <functional>
-#include <sstream>
-#include <thread>
+#include <mutex>
 
 namespace probemond::test {
 namespace {
@@ -15,17 +12,7 @@ std::vector<LogLine>* gLines = nullptr;
 
 void captureLogger(const struct __android_logger_data* data, const char* message) {
     std::lock_guard<std::mutex> g(gLock);
-    if (gLines == nullptr) return;
-    gLines->push_back(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
-}
-
-bool pollUntil(int timeoutMs, const std::function<bool()>& seen) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!seen()) {
-        if (std::chrono::steady_clock::now() >= end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    if (gLines != nullptr) gLines->push_back(LogLine{data->priority, message ? message : ""});
 }
 
 }  // namespace
@@ -75,18 +62,10 @@ void LogCapture::clear() {
     if (gLines) gLines->clear();
 }
 
-bool LogCapture::waitFor(const std::string& text, int timeoutMs) const {
-    return pollUntil(timeoutMs, [&] { return has(text); });
-}
-
-bool LogCapture::waitForContaining(const std::string& part, int timeoutMs) const {
-    return pollUntil(timeoutMs, [&] { return countContaining(part) > 0; });
-}
-
 std::string LogCapture::dump() const {
-    std::ostringstream os;
-    for (const auto& l : lines()) os << l.priority << ' ' << l.text << '\n';
-    return os.str();
+    std::string out;
+    for (const auto& l : lines()) out += std::to_string(l.priority) + ' ' + l.text + '\n';
+    return out;
 }
 
 }  // namespace probemond::test

@@ -1,8 +1,7 @@
 // Captures the daemon's log lines in tests, through liblog's logger hook,
-// exactly as they would reach logcat: priority, tag, text.
+// exactly as they would reach logcat: priority and text.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -10,7 +9,6 @@ namespace probemond::test {
 
 struct LogLine {
     int priority;
-    std::string tag;  // the tag liblog resolved (the process default for a null tag)
     std::string text;
 };
 
@@ -31,9 +29,6 @@ public:
     size_t countContaining(const std::string& part, int priority = -1) const;
     bool has(const std::string& text, int priority = -1) const { return count(text, priority) > 0; }
     void clear();
-    // Waits (polling) until a line with `text` appears; false on timeout.
-    bool waitFor(const std::string& text, int timeoutMs) const;
-    bool waitForContaining(const std::string& part, int timeoutMs) const;
     // Every line, one per row, for failure messages.
     std::string dump() const;
 };

@@ -1,5 +1,5 @@
 // A private property file for one test: points PROBEMOND_PROPERTY_FILE at a
-// fresh temporary file and restores the previous value afterwards.
+// fresh temporary file, and unsets it afterwards.
 #pragma once
 
 #include <string>
@@ -19,8 +19,6 @@ public:
 
 private:
     std::string path_;
-    std::string previous_;
-    bool hadPrevious_ = false;
 };
 
 }  // namespace probemond::test

@@ -41,11 +41,13 @@ std::string sampleDump() {
 TEST(Top, OneRowPerInterfaceThenTheSelection) {
     const std::vector<std::string> lines = probemonctl::renderTop(probemonctl::parseDump(sampleDump()));
     ASSERT_GE(lines.size(), 12u);
+    std::string all;
     int rows = 0;
     for (const std::string& l : lines) {
-        EXPECT_EQ(std::string::npos, l.find('\033')) << l;
+        all += l + "\n";
         rows += l.rfind("wlan", 0) == 0 || l.rfind("rmnet_data", 0) == 0;
     }
+    EXPECT_EQ(std::string::npos, all.find('\033')) << all;
     EXPECT_EQ(10, rows);
     // Rows in the dump's order.
     EXPECT_EQ(lines[1].substr(0, 22), "wlan0        candidate");
@@ -56,18 +58,13 @@ TEST(Top, OneRowPerInterfaceThenTheSelection) {
     EXPECT_EQ(lines[3].substr(0, 22), "rmnet_data0  probing  ");
     EXPECT_EQ(lines[4].substr(0, 22), "rmnet_data1  suspended");  // suspension wins
 
-    const std::string rest = [&] {
-        std::string t;
-        for (size_t i = 11; i < lines.size(); ++i) t += lines[i] + "\n";
-        return t;
-    }();
-    EXPECT_NE(rest.find("user: wlan0   auto-select: on   auto: rmnet_data0\n"), std::string::npos);
-    EXPECT_NE(rest.find("auto-select switches: 7, last 2.5 s ago\n"), std::string::npos) << rest;
+    EXPECT_NE(all.find("user: wlan0   auto-select: on   auto: rmnet_data0\n"), std::string::npos) << all;
+    EXPECT_NE(all.find("auto-select switches: 7, last 2.5 s ago\n"), std::string::npos);
     // Only the latest five decisions are shown.
-    EXPECT_EQ(rest.find("wlan0 (151ms)"), std::string::npos) << rest;
-    EXPECT_NE(rest.find("wlan0 (152ms) -> rmnet_data0 (40ms)"), std::string::npos);
-    EXPECT_NE(rest.find("wlan0 (156ms) -> rmnet_data0 (40ms)"), std::string::npos);
-    EXPECT_NE(rest.find("manual selections: 0, last never"), std::string::npos);
+    EXPECT_EQ(all.find("wlan0 (151ms)"), std::string::npos);
+    EXPECT_NE(all.find("wlan0 (152ms) -> rmnet_data0 (40ms)"), std::string::npos);
+    EXPECT_NE(all.find("wlan0 (156ms) -> rmnet_data0 (40ms)"), std::string::npos);
+    EXPECT_NE(all.find("manual selections: 0, last never"), std::string::npos);
 }
 
 }  // namespace
