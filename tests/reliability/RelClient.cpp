@@ -144,18 +144,7 @@ std::string raw(const std::string& bytes, int fd = -1) {
 }
 
 int malformed() {
-    std::mt19937 rng(20240611);
     const std::string token = tokenBytes();
-    // Random bytes, half behind a proper token. Not to select or rtt: an
-    // unknown name holds ifaceMutex for good, a long one ends the process.
-    for (int i = 0; i < 300; i++) {
-        std::string bytes(rng() % 600, '\0');
-        for (char& c : bytes) c = static_cast<char>(rng());
-        const uint32_t codes[] = {0, M::START_PING, M::STOP_PING, M::STOP_ALL_PING, M::ADD_UID, M::DEL_UID,
-                                  M::ADD_IP_RULE, M::DEL_IP_RULE, M::DISABLE_AUTO_SELECT, 14, IBinder::INTERFACE_TRANSACTION};
-        send(codes[rng() % 11], (i % 2 ? "" : token) + bytes, nullptr, {}, true);
-        stillServes("random parcel " + std::to_string(i));
-    }
     Fd pipeRead, pipeWrite;
     int fds[2];
     if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return 1;

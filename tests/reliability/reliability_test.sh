@@ -280,14 +280,4 @@ case_malformed_parcels() {
     figure "$(grep '^malformed ' "$PD_TMP/malformed") fds_threads=$before"
 }
 
-# Kept on purpose, not a crash-free path: rtt copies the name into a 16-byte
-# field and a longer name ends the process, so any client can end it.
-case_rtt_long_name() {
-    pd_start_daemon || { fail "start"; return; }
-    pd_ctl_within 5 rtt rmnet_data0_xyzw >/dev/null 2>&1
-    pd_wait_true 5 eval '! kill -0 $PD_DAEMON_PID' || fail "a 16-character name to rtt did not end the daemon"
-    pd_wait_log "getInterfaceRtt interface name too long: rmnet_data0_xyzw" 2 || fail "no fatal line"
-    PD_DAEMON_PID=""
-}
-
 pd_run_case "${1:-}"
