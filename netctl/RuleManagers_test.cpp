@@ -122,7 +122,7 @@ TEST(RuleManagers, CommandsNotStartedAreLoggedAndTheSequenceGoesOn) {
     IpRuleManager ip(rec);
     EXPECT_EQ(log.texts(), (Lines{"IptablesRuleManager called", "IpRuleManager called"}));
     rec.clear();
-    rec.failAll(true);
+    rec.failAll = true;
     log.clear();
     EXPECT_EQ(ipt.addUid("10001"), 0);
     EXPECT_EQ(ipt.uidListSnapshot(), Lines{"10001"});
@@ -142,7 +142,7 @@ TEST(RuleManagers, CommandsNotStartedAreLoggedAndTheSequenceGoesOn) {
                                   "delIpRule Failue to delete ip rule: " + c[2]}));
     EXPECT_EQ(log.lines()[1].priority, ANDROID_LOG_WARN);
     EXPECT_EQ(log.lines()[3].priority, ANDROID_LOG_ERROR);
-    rec.failAll(false);
+    rec.failAll = false;
     EXPECT_EQ(ip.addIpRule("rmnet_data0", "0xd0", "29700"), 0);  // the mutex was released
 }
 

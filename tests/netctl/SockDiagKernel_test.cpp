@@ -5,10 +5,12 @@
 #include <android-base/unique_fd.h>
 #include <android/log.h>
 #include <errno.h>
+#include <linux/netlink.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sched.h>
+#include <stdlib.h>
 #include <sys/fsuid.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -94,6 +96,11 @@ struct UidSockets {
 class SockDiagKernelTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
+        const char* emulator = getenv("PROBEMOND_EMULATOR");
+        if (emulator != nullptr && *emulator != '\0' &&
+            unique_fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)).get() < 0 &&
+            errno == EPROTONOSUPPORT)
+            GTEST_SKIP() << "qemu-user does not translate NETLINK_SOCK_DIAG sockets";
         ifreq ifr{};
         strcpy(ifr.ifr_name, "lo");
         ifr.ifr_flags = IFF_UP;
