@@ -44,14 +44,8 @@ sockaddr_in6 addr(int family, uint16_t port, bool any = false) {
     a.sin6_family = static_cast<sa_family_t>(family);
     a.sin6_port = htons(port);
     if (family == AF_INET6 && !any) a.sin6_addr = in6addr_loopback;
-    auto* v4 = reinterpret_cast<sockaddr_in*>(&a);
-    if (family == AF_INET && !any) v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (family == AF_INET && !any) reinterpret_cast<sockaddr_in*>(&a)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return a;
-}
-
-bool connectTo(int fd, int family, uint16_t port) {
-    sockaddr_in6 a = addr(family, port);
-    return connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
 }
 
 int tcpState(int fd) {
@@ -63,8 +57,7 @@ int tcpState(int fd) {
 int pendingError(int fd) {
     int err = 0;
     socklen_t len = sizeof(err);
-    getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
-    return err;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) == 0 ? err : -1;
 }
 
 // One UID's sockets in one family: TCP established, UDP connected, UDP bound only.
@@ -76,9 +69,11 @@ struct UidSockets {
         sockaddr_in6 a{};
         socklen_t len = sizeof(a);
         getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len);
-        EXPECT_TRUE(connectTo(tcp.get(), family, ntohs(a.sin6_port)));
+        a = addr(family, ntohs(a.sin6_port));
+        EXPECT_EQ(connect(tcp.get(), reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
         accepted.reset(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
-        EXPECT_TRUE(connectTo(udp.get(), family, 9));
+        a = addr(family, 9);
+        EXPECT_EQ(connect(udp.get(), reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
         a = addr(family, 0, true);
         EXPECT_EQ(bind(udpBound.get(), reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
     }
