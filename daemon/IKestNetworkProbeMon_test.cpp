@@ -1,7 +1,6 @@
 #include "daemon/IKestNetworkProbeMon.h"
 #include "daemon/IKestNetworkProbeMonCallback.h"
 
-#include <android/log.h>
 #include <gtest/gtest.h>
 
 #include <chrono>

@@ -1,5 +1,4 @@
 #include <binder/IServiceManager.h>
-#include <binder/Parcel.h>
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,6 @@
 #include "netctl/SockDiag.h"
 
 #include <android-base/unique_fd.h>
-#include <android/log.h>
 #include <errno.h>
 #include <linux/netlink.h>
 #include <net/if.h>
@@ -17,7 +16,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <string>
 #include <utility>
 #include <vector>
 

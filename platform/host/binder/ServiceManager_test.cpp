@@ -1,7 +1,6 @@
 #include <binder/BpBinder.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
-#include <binder/ProcessState.h>
 
 #include <gtest/gtest.h>
 
