@@ -62,9 +62,10 @@ TEST(Probemonctl, EachCommandReachesItsCode) {
         {"resume-all-ping", ""}, {"rtt", "rmnet_data3"}, {"add-uid", "10086"}, {"del-uid", "10087"},
         {"add-ip-rule", "rmnet_data0"}, {"del-ip-rule", "rmnet_data1"}, {"select", "wlan1"},
         {"auto-select", "wlan0,rmnet_data0,"}, {"disable-auto-select", ""}, {"call 0x6", "wlan0"}};
+    LogCapture log;
     for (int i = 0; i < 14; i++) {
         svc->clear();
-        LogCapture log;
+        log.clear();
         const auto& [command, arg] = commands[i];
         const int code = i < 13 ? i + 1 : 6;
         // Only the rtt's result is replied; the others' (non-zero) results are dropped.
