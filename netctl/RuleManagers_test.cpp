@@ -114,27 +114,22 @@ TEST(IptablesBadInterface, RunsNothingAndLeavesTheMutexHeld) {
     }
 }
 
-TEST(RuleManagers, CommandsNotStartedAreLoggedAndTheSequenceGoesOn) {
-    RecordingCommandExecutor rec;
-    RecordingKiller killer;
+TEST_F(IptablesTest, CommandsNotStartedAreLoggedAndTheSequenceGoesOnInBothManagers) {
+    IpRuleManager ip(rec_);
+    rec_.clear();
+    rec_.failAll = true;
     LogCapture log;
-    IptablesRuleManager ipt(rec, killer);
-    IpRuleManager ip(rec);
-    EXPECT_EQ(log.texts(), (Lines{"IptablesRuleManager called", "IpRuleManager called"}));
-    rec.clear();
-    rec.failAll(true);
-    log.clear();
-    EXPECT_EQ(ipt.addUid("10001"), 0);
-    EXPECT_EQ(ipt.uidListSnapshot(), Lines{"10001"});
-    Lines c = rec.commands();
+    EXPECT_EQ(mgr_.addUid("10001"), 0);
+    EXPECT_EQ(mgr_.uidListSnapshot(), Lines{"10001"});
+    Lines c = rec_.commands();
     ASSERT_EQ(c.size(), 4u);
     for (const auto& cmd : c) EXPECT_EQ(log.count("SEND PROBEMOND NDC COMMAND - FAIL " + cmd, ANDROID_LOG_ERROR), 1u);
 
-    rec.clear();
+    rec_.clear();
     log.clear();
     EXPECT_EQ(ip.addIpRule("rmnet_data0", "0xd0", "29700"), -1);
     EXPECT_EQ(ip.delIpRule("29700"), -1);
-    c = rec.commands();
+    c = rec_.commands();
     ASSERT_EQ(c.size(), 3u);
     const std::string fail = "SEND PROBEMOND NDC COMMAND - FAIL ";
     EXPECT_EQ(log.texts(), (Lines{fail + c[0] + "\n", "addIpRule Failue to del ip rule or rule not exist: " + c[0],
@@ -142,7 +137,7 @@ TEST(RuleManagers, CommandsNotStartedAreLoggedAndTheSequenceGoesOn) {
                                   "delIpRule Failue to delete ip rule: " + c[2]}));
     EXPECT_EQ(log.lines()[1].priority, ANDROID_LOG_WARN);
     EXPECT_EQ(log.lines()[3].priority, ANDROID_LOG_ERROR);
-    rec.failAll(false);
+    rec_.failAll = false;
     EXPECT_EQ(ip.addIpRule("rmnet_data0", "0xd0", "29700"), 0);  // the mutex was released
 }
 

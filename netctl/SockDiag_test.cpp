@@ -131,8 +131,6 @@ TEST(SockDiagWalk, RecordsUntilDoneOrErrorAndMalformedLengthsEndTheBuffer) {
     EXPECT_TRUE(w.finished && w.result == 0);
     EXPECT_EQ(walk(Reply().record(a).error(-EPERM).record(c).b, &w), std::vector<uint32_t>{1});
     EXPECT_TRUE(w.finished && w.result == -EPERM);
-    EXPECT_EQ(walk(Reply().record(a).record(c).b, &w).size(), 2u);
-    EXPECT_FALSE(w.finished);  // no DONE yet: read on
     for (uint32_t len : {88u + 1, 15u}) {
         Reply bad = Reply().record(a);
         put32(bad.b, 0, len);

@@ -1,13 +1,10 @@
 #include "ChildProcess.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <sstream>
 
 extern char** environ;
@@ -15,33 +12,22 @@ extern char** environ;
 namespace probemond::test {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
-    const int fd = mkostemp(outPath_.data(), O_CLOEXEC);
+    // e.g. "qemu-aarch64-static -L /x" for a binary built for another machine
+    std::vector<std::string> words;
+    std::istringstream emulator(getenv("PROBEMOND_EMULATOR") ? getenv("PROBEMOND_EMULATOR") : "");
+    for (std::string w; emulator >> w;) words.push_back(w);
+    words.insert(words.end(), argv.begin(), argv.end());
     std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    for (std::string& w : words) args.push_back(w.data());
     args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fd, 1);
-    if (fd < 0 || posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    if (fd >= 0) close(fd);
+    if (posix_spawnp(&pid_, args[0], nullptr, nullptr, args.data(), environ) != 0) pid_ = -1;
 }
 
-ChildProcess::~ChildProcess() {
-    finish(true);
-    unlink(outPath_.c_str());
-}
-
-RunResult ChildProcess::finish(bool kill) {
-    RunResult r;
+int ChildProcess::finish(bool kill) {
     int status = 0;
-    if (pid_ > 0 && (!kill || ::kill(pid_, SIGKILL) == 0) && waitpid(pid_, &status, 0) == pid_)
-        r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    const bool reaped = pid_ > 0 && (!kill || ::kill(pid_, SIGKILL) == 0) && waitpid(pid_, &status, 0) == pid_;
     pid_ = -1;
-    std::stringstream ss;
-    ss << std::ifstream(outPath_).rdbuf();
-    r.out = ss.str();
-    return r;
+    return reaped && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace probemond::test

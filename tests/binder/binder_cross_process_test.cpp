@@ -1,12 +1,10 @@
 #include <binder/IServiceManager.h>
-#include <binder/Parcel.h>
 
 #include <gtest/gtest.h>
 
 #include <android/log.h>
 #include <dirent.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,7 +30,7 @@ const auto* const kEnv =
 
 // probemonctl's exit code and its stdout and stderr together.
 std::pair<int, std::string> ctl(const std::string& args, const std::string& env = "") {
-    FILE* p = popen((env + " " PROBEMONCTL_PATH " " + args + " 2>&1").c_str(), "re");
+    FILE* p = popen((env + " $PROBEMOND_EMULATOR " PROBEMONCTL_PATH " " + args + " 2>&1").c_str(), "re");
     std::string out;
     char buf[256];
     for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
@@ -64,12 +62,16 @@ TEST(Probemonctl, EachCommandReachesItsCode) {
         {"resume-all-ping", ""}, {"rtt", "rmnet_data3"}, {"add-uid", "10086"}, {"del-uid", "10087"},
         {"add-ip-rule", "rmnet_data0"}, {"del-ip-rule", "rmnet_data1"}, {"select", "wlan1"},
         {"auto-select", "wlan0,rmnet_data0,"}, {"disable-auto-select", ""}, {"call 0x6", "wlan0"}};
+    LogCapture log;
     for (int i = 0; i < 14; i++) {
         svc->clear();
+        log.clear();
         const auto& [command, arg] = commands[i];
         const int code = i < 13 ? i + 1 : 6;
+        // Only the rtt's result is replied; the others' (non-zero) results are dropped.
         EXPECT_EQ(std::make_pair(0, std::string(code == 6 ? "106\n" : "0\n")), ctl(std::string(command) + " " + arg));
         EXPECT_EQ((std::vector<RecordingService::Call>{{code, arg}}), svc->calls()) << command;
+        EXPECT_EQ(1u, log.count("BnKestNetworkProbeMon::onTransact " + std::to_string(code) + " 0", ANDROID_LOG_DEBUG));
     }
     for (const auto& [args, status] : {std::make_pair("call 14 wlan0", "UNKNOWN_TRANSACTION (-74)"),
                                        std::make_pair("call 1", "BAD_VALUE (-22)")}) {
@@ -100,10 +102,7 @@ TEST(Callback, WatchAnswersNotifyAndAClientDyingInTheCallIsAnError) {
                   log.texts());
     }
     ChildProcess dying({TEST_SERVER_PATH, "dying-client"});
-    // The watcher's stale socket answers nothing until the new client replaces it.
-    for (int i = 0; i < 500 && access((probemond::test::BinderTestEnvironment::path() +
-                                       "/vndbinder/NetworkProbeMon_Binder").c_str(), F_OK) != 0; i++)
-        usleep(10000);
+    // The dead watcher's socket counts as absent until the new client replaces it.
     ASSERT_NE(nullptr, waitForService("NetworkProbeMon_Binder").get());
     LogCapture log;
     EXPECT_EQ(0, IKestNetworkProbeMonCallback::notify("wlan1"));

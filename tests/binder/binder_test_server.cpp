@@ -3,7 +3,6 @@
 //                                          of "fds" the server's open descriptor count
 //   binder_test_server dying-client        serves NetworkProbeMon_Binder and dies inside the call
 #include <dirent.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -107,17 +108,15 @@ TEST_F(SteeringLab, SteeredUidLeavesThroughTheSelectedInterfaceOnly) {
         EXPECT_EQ(save.find(absent), std::string::npos) << absent << "\n" << save;
     EXPECT_EQ(capture("ip -4 rule show prio 29900"), "29900:\tfrom all fwmark 0xd2/0xffff lookup rmnet_data2\n");
 
-    long rmnet = labCounter("rmnet_data2"), wlan = labCounter("wlan0");
-    ASSERT_GE(rmnet, 0);
-    sendAs(54321);
-    EXPECT_GE(arrived("rmnet_data2", rmnet), kDatagrams);
-    EXPECT_LT(labCounter("wlan0") - wlan, kDatagrams);
-    rmnet = labCounter("rmnet_data2");
-    wlan = labCounter("wlan0");
-    sendAs(54322);
-    EXPECT_GE(arrived("wlan0", wlan), kDatagrams);
-    EXPECT_LT(labCounter("rmnet_data2") - rmnet, kDatagrams);
-
+    // The steered UID leaves through rmnet_data2, any other through the default wlan0.
+    for (auto [uid, via, other] : {std::tuple<uid_t, const char*, const char*>{54321, "rmnet_data2", "wlan0"},
+                                   {54322, "wlan0", "rmnet_data2"}}) {
+        const long before = labCounter(via), otherBefore = labCounter(other);
+        ASSERT_GE(before, 0);
+        sendAs(uid);
+        EXPECT_GE(arrived(via, before), kDatagrams) << uid;
+        EXPECT_LT(labCounter(other) - otherBefore, kDatagrams) << uid;
+    }
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <deque>
 #include <fstream>
-#include <iostream>
 #include <string>
 #include <vector>
 
@@ -79,24 +78,14 @@ struct AllowList {
     std::deque<regex_t> patterns;  // never moved once compiled
 };
 
-std::string joined(const Lines& lines) {
-    std::string out;
-    for (const auto& l : lines) out += "  " + l + "\n";
-    return out;
-}
-
-TEST(WrapperAllowList, TheStockListRefusesAlmostEveryLine) {
+TEST(WrapperAllowList, TheStockListRefusesTheDaemonsLines) {
     AllowList stock;
     stock.load("stock.allow");
-    const Lines all = everyCommandLine(), refused = stock.refused(all);
-    std::cout << refused.size() << " of " << all.size() << " lines refused by the stock wrappers:\n" << joined(refused);
-    EXPECT_GT(refused.size() * 10, all.size() * 9);
+    const Lines all = everyCommandLine();
+    EXPECT_GT(stock.refused(all).size() * 10, all.size() * 9);
     // What gets through acts on a chain the stock list never lets the daemon create.
-    Lines accepted;
-    for (const auto& c : all) {
-        if (stock.accepts(c)) accepted.push_back(c);
-    }
-    for (const auto& c : accepted) EXPECT_NE(c.find(" kest_masquerade -o rmnet_data"), std::string::npos) << c;
+    for (const auto& c : all)
+        EXPECT_TRUE(!stock.accepts(c) || c.find(" kest_masquerade -o rmnet_data") != std::string::npos) << c;
 }
 
 TEST(WrapperAllowList, WithTheAdditionsNothingIsRefusedAndStrangersStillAre) {
@@ -105,7 +94,7 @@ TEST(WrapperAllowList, WithTheAdditionsNothingIsRefusedAndStrangersStillAre) {
     list.load("probemond.allow");
     const Lines all = everyCommandLine();
     EXPECT_GT(all.size(), 150u);
-    EXPECT_EQ(list.refused(all), Lines{}) << joined(list.refused(all));
+    EXPECT_EQ(list.refused(all), Lines{});
     const std::string ipt = "/system/bin/iptables-wrapper-1.0 -w ", ip = "/system/bin/ip-wrapper-1.0 -4 ";
     for (const std::string& stranger : {ipt + "-t mangle -F OUTPUT", ipt + "-t filter -F kest_probemon_uid",
                                         ipt + "-t mangle -N kest_probemon_wlan2", ip + "rule del prio 100",

@@ -1,14 +1,14 @@
 // For test binaries that talk binder: a private binder directory for the
-// whole process, the vendor driver opened and the pool started before any test.
+// whole process (PROBEMOND_BINDER_DIR), the vendor driver opened and the pool
+// started before any test; the directory goes with the process's last test.
 #pragma once
 
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
-#include <memory>
+#include <filesystem>
 #include <string>
-
-#include "PrivateBinderDir.h"
 
 namespace probemond::test {
 
@@ -17,13 +17,17 @@ public:
     explicit BinderTestEnvironment(const char* prefix) : prefix_(prefix) {}
 
     void SetUp() override {
-        dir_ = std::make_unique<PrivateBinderDir>(prefix_);
-        ASSERT_TRUE(dir_->ok());
-        path() = dir_->path();
+        std::string tmpl = std::string("/tmp/") + prefix_ + ".XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
+        path() = tmpl;
+        setenv("PROBEMOND_BINDER_DIR", tmpl.c_str(), 1);
         android::ProcessState::initWithDriver("/dev/vndbinder");
         android::ProcessState::self()->startThreadPool();
     }
-    void TearDown() override { dir_.reset(); }
+    void TearDown() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(path(), ignored);
+    }
 
     // The directory of the running binary's environment.
     static std::string& path() {
@@ -33,7 +37,6 @@ public:
 
 private:
     const char* prefix_;
-    std::unique_ptr<PrivateBinderDir> dir_;
 };
 
 }  // namespace probemond::test

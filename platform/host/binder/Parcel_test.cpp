@@ -68,19 +68,15 @@ TEST(ParcelInterface, MismatchLeavesThePositionAfterWhatWasRead) {
     EXPECT_FALSE(sys.enforceInterface(String16("a")));
     EXPECT_EQ(12u, sys.dataPosition());
 
-    Parcel other;
-    other.writeInterfaceToken(String16("probemond_Binde"));
-    other.writeCString("wlan0");
-    other.setDataPosition(0);
-    EXPECT_FALSE(other.enforceInterface(String16("probemond_Binder")));
-    EXPECT_STREQ("wlan0", other.readCString());
-
-    Parcel own;
-    own.writeInterfaceToken(String16("probemond_Binder"));
-    own.writeCString("wlan1");
-    own.setDataPosition(0);
-    EXPECT_TRUE(own.enforceInterface(String16("probemond_Binder")));
-    EXPECT_STREQ("wlan1", own.readCString());
+    // A near miss is refused but read past, like the own token.
+    for (const char* token : {"probemond_Binde", "probemond_Binder"}) {
+        Parcel p;
+        p.writeInterfaceToken(String16(token));
+        p.writeCString("wlan0");
+        p.setDataPosition(0);
+        EXPECT_EQ(std::string(token) == "probemond_Binder", p.enforceInterface(String16("probemond_Binder")));
+        EXPECT_STREQ("wlan0", p.readCString()) << token;
+    }
     EXPECT_FALSE(Parcel().enforceInterface(String16("probemond_Binder")));
 }
 

@@ -1,7 +1,6 @@
 #include <binder/BpBinder.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
-#include <binder/ProcessState.h>
 
 #include <gtest/gtest.h>
 
@@ -45,13 +44,6 @@ protected:
     }
 };
 
-// A proxy to a service of this process that skips the same-process shortcut,
-// so the socket transport itself carries the calls.
-sp<BpBinder> registeredProxy(const char* name, const sp<Echo>& echo = new Echo()) {
-    EXPECT_EQ(OK, defaultServiceManager()->addService(String16(name), echo));
-    return new BpBinder(serviceDir() + "/" + binder_host::serviceFileName(name), getpid());
-}
-
 TEST(ServiceManager, NamesRegistrationLookupAndDeadServices) {
     sp<IServiceManager> sm = defaultServiceManager();
     sp<Echo> echo = new Echo();
@@ -82,7 +74,9 @@ TEST(ServiceManager, NamesRegistrationLookupAndDeadServices) {
 
 TEST(Transport, StatusesOnewayDumpAndOversize) {
     sp<Echo> echo = new Echo();
-    sp<BpBinder> p = registeredProxy("echo.transport", echo);
+    ASSERT_EQ(OK, defaultServiceManager()->addService(String16("echo.transport"), echo));
+    // A proxy that skips the same-process shortcut, so the socket transport carries the calls.
+    sp<BpBinder> p = new BpBinder(serviceDir() + "/echo.transport", getpid());
     Parcel data, reply, empty;
     data.writeInt32(1);
     data.writeCString("abc");
@@ -103,7 +97,7 @@ TEST(Transport, StatusesOnewayDumpAndOversize) {
     Vector<String16> args;
     args.add(String16("-a"));
     args.add(String16("b"));
-    EXPECT_EQ(OK, p->dump(fds[1], args));
+    EXPECT_EQ(OK, p->dump(fds[1], args));  // the descriptor itself crosses the socket
     close(fds[1]);
     char buf[64] = {};
     EXPECT_GT(read(fds[0], buf, sizeof(buf) - 1), 0);
