@@ -24,7 +24,6 @@ pd_init
 trap pd_cleanup EXIT
 trap 'exit 130' INT TERM
 pd_clean_kernel
-FLOW="$PD_BIN/probemond-bench-flow"
 readonly APP=10123 PORT=9000 FAST=20 SLOW=150 CELL=40
 # Design constants: probe period P (s), history length H, decision tick T (s).
 readonly P=1 H=10 T=0.1
@@ -77,11 +76,14 @@ pd_start_daemon || die "the daemon did not start"
 for c in "add-uid $APP" "add-ip-rule wlan0" "add-ip-rule rmnet_data0" "select wlan0"; do
     pd_ctl $c >/dev/null || die "probemonctl $c failed"
 done
-pd_bg ingress "$PD_LAB" netexec "$FLOW" listen 8.8.8.8 $PORT
+PD_LAUNCH=("$PD_LAB" netexec)
+pd_bg ingress pd_bin probemond-bench-flow listen 8.8.8.8 $PORT
 pd_wait_file "$PD_TMP/ingress" listening 10 || die "the listener did not start"
-pd_bg sender setpriv --reuid=$APP --regid=$APP --clear-groups "$FLOW" send 8.8.8.8 $PORT 10
+PD_LAUNCH=(setpriv --reuid=$APP --regid=$APP --clear-groups)
+pd_bg sender pd_bin probemond-bench-flow send 8.8.8.8 $PORT 10
+PD_LAUNCH=()
 arrival wlan0 0 10 >/dev/null || die "no datagrams of uid $APP arrive over wlan0"
-pd_bg watch "$PD_BIN/probemonctl" watch
+pd_bg watch pd_bin probemonctl watch
 pd_wait_file "$PD_TMP/watch" serving 10 || die "probemonctl watch did not start"
 pd_ctl auto-select "wlan0,rmnet_data0," >/dev/null || die "auto-select failed"
 

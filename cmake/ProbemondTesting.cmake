@@ -8,6 +8,15 @@ include(GoogleTest)
 string(JOIN " " PROBEMOND_EMULATOR ${CMAKE_CROSSCOMPILING_EMULATOR})
 set(PROBEMOND_EMULATOR_LINE "${PROBEMOND_EMULATOR}" CACHE INTERNAL "for ./run bench")
 
+# Death tests re-execute the test binary (safe beside the managers' threads);
+# without binfmt_misc an emulated binary cannot be re-executed, so there the
+# child is a plain fork.
+if(CMAKE_CROSSCOMPILING_EMULATOR)
+  set(PROBEMOND_DEATH_TEST_STYLE fast)
+else()
+  set(PROBEMOND_DEATH_TEST_STYLE threadsafe)
+endif()
+
 # probemond_add_unit_test(NAME SOURCES... LIBS...)
 # A GoogleTest binary whose cases run in-process, without privileges.
 function(probemond_add_unit_test name)
@@ -15,6 +24,7 @@ function(probemond_add_unit_test name)
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} probemond_testsupport GTest::gtest GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+    EXTRA_ARGS --gtest_death_test_style=${PROBEMOND_DEATH_TEST_STYLE}
     PROPERTIES TIMEOUT 300 ENVIRONMENT "PROBEMOND_EMULATOR=${PROBEMOND_EMULATOR}")
 endfunction()
 

@@ -41,7 +41,6 @@ TEST(Registry, BuildOrderAndExactLookup) {
 }
 
 TEST(PingControlsDeathTest, NameTooLongForTheKernelEndsTheProcess) {
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     TempPropertyFile props;
     FakeManager fake;
     EXPECT_DEATH(fake.m.getInterfaceRtt("abcdefghijklmnop"), "interface name too long");

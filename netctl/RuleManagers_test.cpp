@@ -167,7 +167,6 @@ TEST_F(IptablesTest, ConcurrentUseLosesNoUidAndNeverInterleavesASequence) {
 }
 
 TEST_F(IptablesTest, BoundsEndTheProcessInsteadOfCuttingACommand) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     std::string iface = "rmnet_data";
     mgr_.selectIface(iface.c_str(), false);
     iface.append(511 - rec_.commands().back().size(), '9');

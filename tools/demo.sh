@@ -82,7 +82,7 @@ step "the connection arrived over wlan0 (source 10.77.0.2)" pd_wait_file "$PD_TM
 carrier="$(pd_udp_carrier $APP 200)"
 step "200 datagrams of uid $APP counted on wlan0 (lab counters)" test "$carrier" = wlan0
 
-pd_bg watch "$PD_BIN/probemonctl" watch
+pd_bg watch pd_bin probemonctl watch
 step "probemonctl watch serves NetworkProbeMon_Binder" pd_wait_file "$PD_TMP/watch" "serving" 5
 
 pd_ctl auto-select "wlan0,rmnet_data0," >/dev/null
