@@ -247,7 +247,7 @@ case_uid_injection() {
     pd_start_daemon "$(fake_bin "echo \"\${0##*/} \$*\" >>$PD_TMP/commands; exec \"\$real\" \"\$@\"")" || { fail "start"; return; }
     : >"$PD_TMP/commands"
     local evil=("1000;touch $marker" "\$(touch $marker)" "\`touch $marker\`" $'1000\ntouch '"$marker"
-                "1000|touch $marker" "1000 -j ACCEPT" "-1" "0x3e8")
+                "1000|touch $marker" "1000 -j ACCEPT" "-1" "+5" "0x3e8" "010" "1 " "4294967295" "12345678901")
     for u in "${evil[@]}"; do
         expect_eq "add-uid reply" 0 "$(pd_ctl add-uid "$u")"
         expect_eq "del-uid reply" 0 "$(pd_ctl del-uid "$u")"
@@ -261,8 +261,10 @@ case_uid_injection() {
     expect_eq "commands for hostile text" "" "$(grep -vxF "iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_auto" "$PD_TMP/commands")"
     [ -e "$marker" ] && fail "a shell ran the injected command"
     expect_eq "refusals logged" $((2 * ${#evil[@]})) "$(grep -c 'Invalid uid' "$PD_LOG")"
-    pd_ctl add-uid $UID_APP >/dev/null
-    [ "$(grep -c -- "--uid-owner $UID_APP " "$PD_TMP/commands")" -gt 0 ] || fail "a proper uid reached no wrapper"
+    for u in $UID_APP 4294967294; do
+        pd_ctl add-uid $u >/dev/null
+        grep -q -- "--uid-owner $u " "$PD_TMP/commands" || fail "uid $u reached no wrapper"
+    done
     expect_healthy "after hostile text"
 }
 
