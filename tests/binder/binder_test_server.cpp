@@ -1,7 +1,6 @@
 // Helper process for the binder tests.
 //   binder_test_server service NAME POOL   serves NAME on POOL threads; rtt of "n" is 3n+1,
 //                                          of "fds" the server's open descriptor count
-//   binder_test_server dying-client        serves NetworkProbeMon_Binder and dies inside the call
 #include <dirent.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,7 +11,6 @@
 #include <binder/ProcessState.h>
 
 #include "RecordingService.h"
-#include "daemon/IKestNetworkProbeMonCallback.h"
 
 using namespace android;
 
@@ -29,10 +27,6 @@ class LoadService : public probemond::test::RecordingService {
     }
 };
 
-class DyingClient : public BnKestNetworkProbeMonCallback {
-    int32_t onAutoSelect(std::string) override { _exit(9); }
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -41,8 +35,6 @@ int main(int argc, char** argv) {
     if (argc == 4 && strcmp(argv[1], "service") == 0) {
         ProcessState::self()->setThreadPoolMaxThreadCount(static_cast<size_t>(atoi(argv[3])));
         status = defaultServiceManager()->addService(String16(argv[2]), new LoadService());
-    } else if (argc == 2 && strcmp(argv[1], "dying-client") == 0) {
-        status = defaultServiceManager()->addService(String16("NetworkProbeMon_Binder"), new DyingClient());
     }
     if (status != OK) return 2;
     ProcessState::self()->startThreadPool();
