@@ -105,7 +105,8 @@ TEST(IcmpReply, RejectionsInTheirOrder) {
     }
 }
 
-TEST(Ping, EarlyFailuresReturnTheTimeoutAndKeepTheSequence) {
+// A missing device and a timeout that is no number are the reliability cases'.
+TEST(Ping, NullArgumentsReturnTheTimeoutAndKeepTheSequence) {
     TempPropertyFile props;
     LogCapture log;
     Ping p;
@@ -113,11 +114,6 @@ TEST(Ping, EarlyFailuresReturnTheTimeoutAndKeepTheSequence) {
     EXPECT_EQ(200, p.ping(nullptr, "8.8.8.8"));
     EXPECT_EQ(200, p.ping("wlan0", nullptr));
     EXPECT_EQ(2u, log.count("interface or server is null", ANDROID_LOG_ERROR));
-    props.set("vendor.kest.probemond.ping_timeout", "350");
-    EXPECT_EQ(350, p.ping("nosuchif0", "8.8.8.8"));
-    EXPECT_TRUE(log.has("Failed to bind socket on nosuchif0", ANDROID_LOG_ERROR)) << log.dump();
-    props.set("vendor.kest.probemond.ping_timeout", "soon");
-    EXPECT_EQ(0, p.ping(nullptr, nullptr));
     EXPECT_EQ(41, p.sequenceNumber);
 }
 

@@ -10,12 +10,8 @@ bool labAvailable();
 
 // Each runs the matching lab.sh command; false when it failed.
 bool labDelay(const std::string& iface, int ms);
-bool labLoss(const std::string& iface, int percent);
 bool labFault(const std::string& iface, const std::string& mode);  // "off" clears
 // Delay 0, loss 0, fault off on every interface.
 bool labReset();
-
-// Packets the internet side received from `iface`, or -1.
-long labCounter(const std::string& iface);
 
 }  // namespace probemond::test
