@@ -68,23 +68,30 @@ TEST_F(IptablesTest, EveryListedUidIsKilledInOrderAndFailuresAreLoggedPerUid) {
     EXPECT_FALSE(has(rec_.commands(), "10002"));
 }
 
-// That a later sequence then waits for good is proven on the running daemon.
+// Never destroyed: each manager's mutex stays locked for good (reachable, for
+// leak checkers). That a later sequence then waits for good is proven on the
+// running daemon.
+struct HeldManager {
+    RecordingCommandExecutor rec;
+    RecordingKiller killer;
+    IptablesRuleManager m{rec, killer};
+};
+HeldManager* gHeld[4];
+
 TEST(IptablesBadInterface, RunsNothingAndLeavesTheListAndKillsFree) {
+    int i = 0;
     for (const char* bad : {"eth0", "", "xwlan0", "rmnet0"}) {
-        RecordingCommandExecutor rec;
-        RecordingKiller killer;
-        // Never destroyed: its mutex stays locked for good.
-        auto* m = new IptablesRuleManager(rec, killer);
-        m->addUid("10001");
-        rec.clear();
+        HeldManager& h = *(gHeld[i++] = new HeldManager);
+        h.m.addUid("10001");
+        h.rec.clear();
         LogCapture log;
-        EXPECT_EQ(m->selectIface(bad, true), -1) << bad;
+        EXPECT_EQ(h.m.selectIface(bad, true), -1) << bad;
         EXPECT_TRUE(log.has(std::string("selectIface Invalid interface ") + bad, ANDROID_LOG_DEBUG)) << log.dump();
-        EXPECT_TRUE(rec.commands().empty());
+        EXPECT_TRUE(h.rec.commands().empty());
         // Neither the list nor killUidSocket take the held mutex.
-        EXPECT_EQ(m->uidListSnapshot(), Lines{"10001"});
-        m->killUidSocket();
-        EXPECT_EQ(killer.killed, Lines{"10001"});
+        EXPECT_EQ(h.m.uidListSnapshot(), Lines{"10001"});
+        h.m.killUidSocket();
+        EXPECT_EQ(h.killer.killed, Lines{"10001"});
     }
 }
 
