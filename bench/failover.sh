@@ -76,12 +76,9 @@ pd_start_daemon || die "the daemon did not start"
 for c in "add-uid $APP" "add-ip-rule wlan0" "add-ip-rule rmnet_data0" "select wlan0"; do
     pd_ctl $c >/dev/null || die "probemonctl $c failed"
 done
-PD_LAUNCH=("$PD_LAB" netexec)
-pd_bg ingress pd_bin probemond-bench-flow listen 8.8.8.8 $PORT
+pd_bg ingress pd_in_net probemond-bench-flow listen 8.8.8.8 $PORT
 pd_wait_file "$PD_TMP/ingress" listening 10 || die "the listener did not start"
-PD_LAUNCH=(setpriv --reuid=$APP --regid=$APP --clear-groups)
-pd_bg sender pd_bin probemond-bench-flow send 8.8.8.8 $PORT 10
-PD_LAUNCH=()
+pd_bg sender pd_as_uid $APP probemond-bench-flow send 8.8.8.8 $PORT 10
 arrival wlan0 0 10 >/dev/null || die "no datagrams of uid $APP arrive over wlan0"
 pd_bg watch pd_bin probemonctl watch
 pd_wait_file "$PD_TMP/watch" serving 10 || die "probemonctl watch did not start"

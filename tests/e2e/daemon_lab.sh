@@ -112,9 +112,13 @@ pd_bg() {
     PD_CHILDREN+=($!)
 }
 
-pd_listen() {  # NAME PORT: a TCP listener on 8.8.8.8 in the internet namespace
+pd_in_net() {  # BINARY ARGS...: a project binary run in the internet namespace
     local PD_LAUNCH=("$PD_LAB" netexec)
-    pd_bg "$1" pd_bin probemond-lab-peer listen 8.8.8.8 "$2"
+    pd_bin "$@"
+}
+
+pd_listen() {  # NAME PORT: a TCP listener on 8.8.8.8 in the internet namespace
+    pd_bg "$1" pd_in_net probemond-lab-peer listen 8.8.8.8 "$2"
     pd_wait_file "$PD_TMP/$1" "listening" 10
 }
 
