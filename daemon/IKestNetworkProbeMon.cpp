@@ -4,7 +4,7 @@
 
 namespace android {
 
-const String16& IKestNetworkProbeMon::descriptor = *new String16("probemond_Binder");
+const String16& IKestNetworkProbeMon::descriptor = *new String16(kServiceName);
 
 const String16& IKestNetworkProbeMon::getInterfaceDescriptor() const { return descriptor; }
 

@@ -29,6 +29,10 @@ public:
         DISABLE_AUTO_SELECT,
     };
 
+    // The name the service is registered under; the descriptor is the same text.
+    static constexpr const char* kServiceName = "probemond_Binder";
+    static constexpr const char* kDriver = "/dev/vndbinder";
+
     // Never destroyed: pool threads may still check tokens while the process exits.
     static const String16& descriptor;
     static sp<IKestNetworkProbeMon> asInterface(const sp<IBinder>& obj);

@@ -13,7 +13,7 @@ constexpr useconds_t kLookupPauseUs = 5000;
 
 }  // namespace
 
-const String16& IKestNetworkProbeMonCallback::descriptor = *new String16("NetworkProbeMon_Binder");
+const String16& IKestNetworkProbeMonCallback::descriptor = *new String16(kServiceName);
 
 const String16& IKestNetworkProbeMonCallback::getInterfaceDescriptor() const { return descriptor; }
 
@@ -30,7 +30,7 @@ int32_t IKestNetworkProbeMonCallback::notify(std::string iface) {
     for (int i = 0; i < kLookups; i++) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-        binder = sm->getService(String16("NetworkProbeMon_Binder"));
+        binder = sm->getService(String16(kServiceName));
 #pragma GCC diagnostic pop
         if (binder != nullptr) break;
         // The pause follows every empty answer, the last one included.

@@ -15,6 +15,9 @@ class IKestNetworkProbeMonCallback : public IInterface {
 public:
     enum { ON_AUTO_SELECT = IBinder::FIRST_CALL_TRANSACTION };
 
+    // The name the client registers its callback under; the descriptor is the same text.
+    static constexpr const char* kServiceName = "NetworkProbeMon_Binder";
+
     // Never destroyed: pool threads may still check tokens while the process exits.
     static const String16& descriptor;
     static sp<IKestNetworkProbeMonCallback> asInterface(const sp<IBinder>& obj);
@@ -23,7 +26,7 @@ public:
 
     virtual const String16& getInterfaceDescriptor() const;
 
-    // Finds the client's "NetworkProbeMon_Binder" service and calls it; 0 without one.
+    // Finds the client's callback service and calls it; 0 without one.
     static int32_t notify(std::string iface);
 };
 

@@ -80,9 +80,9 @@ status_t writeAll(int fd, const std::string& text) {
 }  // namespace
 
 void KestNetworkProbeMond::useBinderIPC() {
-    ProcessState::initWithDriver("/dev/vndbinder");
+    ProcessState::initWithDriver(kDriver);
     sp<IServiceManager> sm = defaultServiceManager();
-    String16 name("probemond_Binder");
+    String16 name(kServiceName);
     sp<KestNetworkProbeMond>& service = storedService();
     if (service == nullptr) service = new KestNetworkProbeMond();
     // Not reachable from isolated processes; no retry: a daemon that failed

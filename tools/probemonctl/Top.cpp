@@ -1,5 +1,7 @@
 #include "tools/probemonctl/Top.h"
 
+#include "daemon/IKestNetworkProbeMon.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -24,7 +26,7 @@ namespace probemonctl {
 
 namespace {
 
-constexpr const char* kServiceName = "probemond_Binder";
+constexpr const char* kServiceName = android::IKestNetworkProbeMon::kServiceName;
 constexpr size_t kShownSwitches = 5;
 constexpr size_t kSparkWidth = 10;
 

@@ -33,9 +33,9 @@ using namespace android;
 
 namespace {
 
-constexpr const char* kDriver = "/dev/vndbinder";
-constexpr const char* kServiceName = "probemond_Binder";
-constexpr const char* kCallbackName = "NetworkProbeMon_Binder";
+constexpr const char* kDriver = IKestNetworkProbeMon::kDriver;
+constexpr const char* kServiceName = IKestNetworkProbeMon::kServiceName;
+constexpr const char* kCallbackName = IKestNetworkProbeMonCallback::kServiceName;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
