@@ -3,7 +3,9 @@
 
 1. Every C++ source that Android.bp lists compiles with clang against the
    platform's own headers (Debian's packages of libbinder, libutils, libcutils,
-   liblog and libbase) with the vendor defines, never against platform/host/.
+   liblog and libbase) with the defines of a vendor build on Android 15, never
+   against platform/host/. Debian packages an older platform release than
+   Android 15, so what changed in those libraries since is not seen here.
 2. Android.bp and the CMake build agree on the sources of each binary, through
    their static libraries. CMake's side comes from its file API (codemodel-v2),
    so it is what CMake really builds, not a reading of CMakeLists.txt.
@@ -20,8 +22,11 @@ import sys
 BINARIES = ("probemond", "probemonctl")
 CXX_EXT = (".cpp", ".cc", ".cxx")
 PLATFORM_INCLUDE = "/usr/include/android"
-CLANG_FLAGS = ["-std=c++17", "-fsyntax-only", "-fno-exceptions", "-Wall", "-Wextra", "-Werror",
-               "-D__ANDROID_VNDK__", "-D__ANDROID_VENDOR__"]
+# A vendor module on Android 15 is built with these; 202404 is that release's
+# vendor API level.
+VENDOR_DEFINES = ["-D__ANDROID_VNDK__", "-D__ANDROID_VENDOR__", "-D__ANDROID_VENDOR_API__=202404"]
+CLANG_FLAGS = ["-std=c++17", "-fsyntax-only", "-fno-exceptions", "-Wall", "-Wextra", "-Werror"] + VENDOR_DEFINES
+HEADERS_PACKAGE = "android-platform-frameworks-native-headers"
 # Host stand-ins for the platform: CMake builds them, a device never does.
 HOST_ONLY = "platform/host/"
 
@@ -247,6 +252,10 @@ def main():
         else:
             print(f"{b}: Android.bp and CMake agree on {len(bp_bins[b])} sources")
 
+    version = subprocess.run(["dpkg-query", "-W", "-f=${Version}", HEADERS_PACKAGE],
+                             capture_output=True, text=True).stdout.strip() or "not installed"
+    print(f"platform headers: Debian's {HEADERS_PACKAGE} {version}, an older release than Android 15; "
+          f"vendor defines: {' '.join(VENDOR_DEFINES)}")
     failed = []
     missing = [s for s in every if not os.path.isfile(os.path.join(root, s))]
     for s in missing:

@@ -6,24 +6,17 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
-
-#include <android-base/unique_fd.h>
 
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
-#include <cutils/properties.h>
-#include <log/log.h>
 
 #include "daemon/IKestNetworkProbeMon.h"
 #include "daemon/IKestNetworkProbeMonCallback.h"
@@ -206,80 +199,10 @@ int runWatch(int32_t reply) {
     return 0;
 }
 
-// On a debug device init starts "probemonctl --from-property" (probemonctl.rc)
-// when the shell sets the command property. init gives a service no terminal,
-// so the command runs in a child whose output goes to the log, line by line.
-constexpr const char* kCommandProperty = "vendor.kest.probemonctl.command";
-constexpr const char* kLogTag = "probemonctl";
-
-void logLines(std::string* pending, bool all) {
-    size_t end;
-    while ((end = pending->find('\n')) != std::string::npos) {
-        __android_log_write(ANDROID_LOG_INFO, kLogTag, pending->substr(0, end).c_str());
-        pending->erase(0, end + 1);
-    }
-    if (all && !pending->empty()) {
-        __android_log_write(ANDROID_LOG_INFO, kLogTag, pending->c_str());
-        pending->clear();
-    }
-}
-
-int runFromProperty(const char* self) {
-    char command[PROPERTY_VALUE_MAX];
-    property_get(kCommandProperty, command, "");
-    std::vector<std::string> words;
-    std::istringstream in(command);
-    for (std::string w; in >> w;) words.push_back(w);
-    // Setting the property to "" only ends a running command (a watch).
-    if (words.empty()) return 0;
-    std::vector<char*> args{const_cast<char*>(self)};
-    for (std::string& w : words) args.push_back(w.data());
-    args.push_back(nullptr);
-
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "pipe: %s", strerror(errno));
-        return kExitFailed;
-    }
-    android::base::unique_fd readEnd(fds[0]);
-    android::base::unique_fd writeEnd(fds[1]);
-    __android_log_print(ANDROID_LOG_INFO, kLogTag, "running \"%s\"", command);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(writeEnd.get(), STDOUT_FILENO);
-        dup2(writeEnd.get(), STDERR_FILENO);
-        execvp(self, args.data());
-        dprintf(STDERR_FILENO, "probemonctl: cannot run %s: %s\n", self, strerror(errno));
-        _exit(kExitFailed);
-    }
-    writeEnd.reset();
-    if (pid < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "fork: %s", strerror(errno));
-        return kExitFailed;
-    }
-    std::string pending;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(readEnd.get(), buf, sizeof(buf))) > 0 || (n < 0 && errno == EINTR)) {
-        if (n <= 0) continue;
-        pending.append(buf, static_cast<size_t>(n));
-        logLines(&pending, false);
-    }
-    logLines(&pending, true);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    const int rc = WIFEXITED(status) ? WEXITSTATUS(status) : kExitFailed;
-    __android_log_print(rc == 0 ? ANDROID_LOG_INFO : ANDROID_LOG_WARN, kLogTag, "\"%s\" exited with %d",
-                        command, rc);
-    return rc;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 2) return usage(nullptr);
-    if (argc == 2 && strcmp(argv[1], "--from-property") == 0) return runFromProperty(argv[0]);
     const std::string cmd = argv[1];
     const int extra = argc - 2;
     ProcessState::initWithDriver(kDriver);
