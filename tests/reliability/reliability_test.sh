@@ -4,7 +4,7 @@
 # One case per run: reliability_test.sh CASE (through lab.sh exec). Lines
 # starting "FIGURE:" are the numbers the README quotes.
 set -u  # no pipefail: "| grep -q" may close its pipe early
-. "$(dirname "${BASH_SOURCE[0]}")/../e2e/daemon_lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../support/lab_case.sh"
 
 readonly UID_APP=10123
 figure() { echo "FIGURE: $*"; }
@@ -26,7 +26,7 @@ fake_bin() {
 expect_healthy() {
     kill -0 "$PD_DAEMON_PID" 2>/dev/null || { fail "$1: daemon is gone"; return; }
     [[ "$(pd_ctl_within 5 rtt wlan0)" =~ ^-?[0-9]+$ ]] || fail "$1: rtt did not answer"
-    pd_ctl_within 5 dump | grep -q "^interfaces (10):" || fail "$1: dump did not answer"
+    pd_ctl_within 5 dump | grep -q "^interfaces (${#LAB_IFACES[@]}):" || fail "$1: dump did not answer"
     expect_eq "$1: sanitizer reports" 0 "$(pd_sanitizer_reports)"
 }
 
@@ -109,7 +109,7 @@ case_wrappers() {
         pd_start_daemon "$(if [ -n "$body" ]; then fake_bin "$body"; else mkdir -p "$PD_TMP/none"; echo "$PD_TMP/none"; fi)" ||
             { fail "start"; return; }
         pd_bg watch pd_bin probemonctl watch
-        for n in wlan0 wlan1 rmnet_data0; do pd_ctl start-ping $n >/dev/null; done
+        for n in "${LAB_IFACES[@]:0:3}"; do pd_ctl start-ping $n >/dev/null; done
         pd_wait_true 5 pd_log_count "rtt=" || true
         for n in "add-uid $UID_APP" "add-ip-rule wlan1" "select rmnet_data1" "del-uid $UID_APP"; do
             expect_eq "$n" 0 "$(pd_ctl $n)"
@@ -158,9 +158,7 @@ case_iface_recreated() {
 
 case_resolvers_silent() {
     local i walk
-    for i in wlan0 wlan1 rmnet_data0 rmnet_data1 rmnet_data2 rmnet_data3 rmnet_data4 rmnet_data5 rmnet_data6 rmnet_data7; do
-        "$PD_LAB" fault "$i" silent
-    done
+    for i in "${LAB_IFACES[@]}"; do "$PD_LAB" fault "$i" silent; done
     # A short timeout walks the table sooner, with the threshold down with it.
     # One worker only: two switching at once move the shared index twice, by design.
     printf 'vendor.kest.probemond.ping_timeout=50\nvendor.kest.probemond.rtt_timeout_threshold=50\n' >>"$PROBEMOND_PROPERTY_FILE"
@@ -171,7 +169,7 @@ case_resolvers_silent() {
     expect_eq "servers walked" "1.1.1.1 8.8.4.4 1.0.0.1 8.8.8.8" "$walk"
     expect_eq "rtt of a silent interface" 50 "$(pd_ctl rtt wlan0)"
     # Every record follows the switch, not only the worker's own.
-    expect_eq "records on the last server" 10 "$(pd_ctl dump | grep -c ' server=8.8.8.8 ')"
+    expect_eq "records on the last server" ${#LAB_IFACES[@]} "$(pd_ctl dump | grep -c ' server=8.8.8.8 ')"
     "$PD_LAB" fault wlan0 off
     "$PD_LAB" delay wlan0 20
     pd_wait_true 10 pd_rtt_in wlan0 20 50 || fail "wlan0 did not recover: rtt $(pd_ctl rtt wlan0)"
