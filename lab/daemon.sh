@@ -137,14 +137,18 @@ pd_hold() {  # NAME UID PORT: a TCP connection held open by UID
 }
 
 # pd_udp_carrier UID COUNT: sends COUNT datagrams as UID; prints the interface
-# whose counter rose by at least COUNT ("none" when no interface did).
+# whose counter rose by at least COUNT, once one has (they are counted when the
+# internet side receives them), or "none" when none did within 10 seconds.
 pd_udp_carrier() {
-    local i before=() ifaces=(wlan0 wlan1 rmnet_data0 rmnet_data1)
-    for i in "${!ifaces[@]}"; do before[$i]="$("$PD_LAB" counters "${ifaces[$i]}")"; done
+    local before carrier deadline=$((SECONDS + 10))
+    before="$("$PD_LAB" counters)"
     pd_as_uid "$1" probemond-lab-peer udp 8.8.8.8 9 "$2" >/dev/null || { echo "send-failed"; return; }
-    sleep 0.2
-    for i in "${!ifaces[@]}"; do
-        [ $(($("$PD_LAB" counters "${ifaces[$i]}") - before[i])) -ge "$2" ] && { echo "${ifaces[$i]}"; return; }
+    while :; do
+        carrier="$(awk -v n="$2" 'NR == FNR { b[$1] = $2; next } $2 - b[$1] >= n { print $1; exit }' \
+            <(echo "$before") <("$PD_LAB" counters))"
+        [ -n "$carrier" ] && { echo "$carrier"; return; }
+        [ $SECONDS -le $deadline ] || break
+        sleep 0.05
     done
     echo "none"
 }
