@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Socket destruction benchmark: killUidSockets against `ss -K`.
-set -euo pipefail
-ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-BIN="${PROBEMOND_BUILD_DIR:-$ROOT/build}/bin/bench-destroy"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+set -eo pipefail
+BIN="$PROBEMOND_BUILD_DIR/bin/bench-destroy"
 [ -x "$BIN" ] || { echo "bench destroy: $BIN not built (./run build)" >&2; exit 2; }
 command -v ss >/dev/null || { echo "skipped: ss (iproute2) is not installed"; exit 77; }
 [ -z "${PROBEMOND_EMULATOR:-}" ] || { echo "skipped: destroy times socket destruction: qemu-user does not translate NETLINK_SOCK_DIAG"; exit 77; }

@@ -9,21 +9,9 @@
 # engine keeps the interface named later in the list, so wlan0 must be
 # strictly better to win back.
 #   PROBEMOND_BENCH_TRIALS  trials (default 10)
-set -u
-ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-export PROBEMOND_SOURCE_DIR="$ROOT"
-export PROBEMOND_BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
-LAB="$ROOT/lab/lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
 TRIALS="${PROBEMOND_BENCH_TRIALS:-10}"
-
-. "$ROOT/bench/lab_bench.sh"
-bench_in_lab failover "$ROOT/bench/failover.sh" "${1:-}" probemond probemonctl probemond-responder probemond-bench-flow
-
-. "$ROOT/tests/e2e/daemon_lab.sh"
-pd_init
-trap pd_cleanup EXIT
-trap 'exit 130' INT TERM
-pd_clean_kernel
+own_lab_script "bench failover" "${1:-}" probemond probemonctl probemond-responder probemond-bench-flow
 readonly APP=10123 PORT=9000 FAST=20 SLOW=150 CELL=40
 # Design constants: probe period P (s), history length H, decision tick T (s).
 readonly P=1 H=10 T=0.1
@@ -68,7 +56,7 @@ decided() {
     return 1
 }
 
-for i in wlan0 wlan1 rmnet_data0 rmnet_data1; do "$PD_LAB" loss "$i" 0; "$PD_LAB" fault "$i" off; done
+"$PD_LAB" reset
 "$PD_LAB" delay wlan0 $FAST
 "$PD_LAB" delay rmnet_data0 $CELL
 

@@ -1,31 +1,19 @@
 #!/usr/bin/env bash
 # Footprint: CPU share and peak RSS of the daemon over a window in three
-# states (idle, all ten interfaces probing, auto-select on), beside ten
-# iputils `ping -i 1 -I IFACE` processes doing the script-monitor's job.
+# states (idle, every interface probing, auto-select on), beside one iputils
+# `ping -i 1 -I IFACE` per interface doing the script-monitor's job.
 # CPU: utime+stime from /proc/PID/stat over the window, as % of one core.
 # Peak RSS: VmHWM from /proc/PID/status, reset through clear_refs at the
 # start of the window (summed over the processes of a row).
 #   PROBEMOND_BENCH_SECONDS  window per row (default 60)
-set -u
-ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-export PROBEMOND_SOURCE_DIR="$ROOT"
-export PROBEMOND_BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
-LAB="$ROOT/lab/lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
 WINDOW="${PROBEMOND_BENCH_SECONDS:-60}"
-IFACES=(wlan0 wlan1 rmnet_data0 rmnet_data1 rmnet_data2 rmnet_data3 rmnet_data4 rmnet_data5
-        rmnet_data6 rmnet_data7)
+N=${#LAB_IFACES[@]}
 
 if [ "${1:-}" != "--inside" ]; then
     command -v ping >/dev/null || { echo "skipped: iputils ping is not installed"; exit 77; }
 fi
-. "$ROOT/bench/lab_bench.sh"
-bench_in_lab footprint "$ROOT/bench/footprint.sh" "${1:-}" probemond probemonctl probemond-responder
-
-. "$ROOT/tests/e2e/daemon_lab.sh"
-pd_init
-trap pd_cleanup EXIT
-trap 'exit 130' INT TERM
-pd_clean_kernel
+own_lab_script "bench footprint" "${1:-}" probemond probemonctl probemond-responder
 HZ="$(getconf CLK_TCK)"
 
 ticks() {  # PIDS -> utime+stime summed, in clock ticks
@@ -85,18 +73,19 @@ row() {
                  100 * (rt / 1e3) / (ns / 1e9), hwm / 1024, rss / 1024 }'
 }
 
-for i in "${IFACES[@]}"; do "$PD_LAB" delay "$i" 20; "$PD_LAB" loss "$i" 0; "$PD_LAB" fault "$i" off; done
+"$PD_LAB" reset
+for i in "${LAB_IFACES[@]}"; do "$PD_LAB" delay "$i" 20; done
 
 echo "== footprint: CPU and memory over ${WINDOW} s per row (responder delay 20 ms on every link) =="
 printf '%-32s %5s %7s %10s %10s %13s %12s\n' ROW PROCS THREADS CPU-%core RUN-%core PEAK-RSS-MiB RSS-MiB
 pd_start_daemon || { echo "bench footprint: the daemon did not start" >&2; exit 1; }
 DAEMON="$PD_DAEMON_PID"
 sleep 2
-row "probemond idle (10 workers)" "$DAEMON" || exit 1
+row "probemond idle ($N workers)" "$DAEMON" || exit 1
 
-for i in "${IFACES[@]}"; do pd_ctl start-ping "$i" >/dev/null; done
+for i in "${LAB_IFACES[@]}"; do pd_ctl start-ping "$i" >/dev/null; done
 sleep 2
-row "probemond, 10 interfaces probing" "$DAEMON" || exit 1
+row "probemond, $N interfaces probing" "$DAEMON" || exit 1
 
 pd_ctl stop-all-ping >/dev/null
 pd_ctl select wlan0 >/dev/null
@@ -106,13 +95,13 @@ row "probemond, auto-select on" "$DAEMON" || exit 1
 pd_stop_daemon
 
 pings=()
-for i in "${IFACES[@]}"; do
+for i in "${LAB_IFACES[@]}"; do
     ping -n -q -i 1 -I "$i" 8.8.8.8 >/dev/null 2>&1 &
     pings+=($!)
     PD_CHILDREN+=($!)
 done
 sleep 2
-row "10 x iputils ping -i 1 -I IFACE" "${pings[@]}" || exit 1
+row "$N x iputils ping -i 1 -I IFACE" "${pings[@]}" || exit 1
 
 echo "CPU-%core: utime+stime from /proc/PID/stat at ${HZ} ticks/s (one tick is $(awk -v w="$WINDOW" -v hz="$HZ" \
     'BEGIN { printf "%.3f", 100 / hz / w }') % of one core"

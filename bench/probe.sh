@@ -1,27 +1,17 @@
 #!/usr/bin/env bash
 # Probe accuracy: Ping::ping beside iputils `ping -I` on the same lab link,
 # mean absolute error against the delay the responder adds.
-set -uo pipefail
-ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-BIN="${PROBEMOND_BUILD_DIR:-$ROOT/build}/bin/probemond-probe-bench"
-LAB="$ROOT/lab/lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+set -o pipefail
+BIN="$PROBEMOND_BUILD_DIR/bin/probemond-probe-bench"
 COUNT="${PROBEMOND_BENCH_COUNT:-20}"
 IFACE=wlan0
 SERVER=8.8.8.8
 
-[ -x "$BIN" ] || { echo "bench probe: $BIN not built (./run build)" >&2; exit 2; }
-[ "$(id -u)" -eq 0 ] || { echo "skipped: the probe benchmark needs root (network lab)"; exit 77; }
 command -v ping >/dev/null || { echo "skipped: iputils ping is not installed"; exit 77; }
-
-# A lab of its own, so a lab someone is using keeps its settings; gone
-# when the benchmark ends however it ends.
-export PROBEMOND_LAB="${PROBEMOND_LAB:-probemond}-b$$" PROBEMOND_LAB_OWNER=$$
-props="$(mktemp /tmp/probemond-bench-props.XXXXXX)"
-trap '"$LAB" down >/dev/null 2>&1; rm -f "$props"' EXIT
-trap 'exit 130' INT TERM HUP
-"$LAB" up >/dev/null
-r=$?
-[ $r -eq 0 ] || exit $r
+# Run from outside: each probe goes into the lab through lab.sh exec.
+own_lab "bench probe" probemond-probe-bench probemond-responder
+props="$OWN_TMP/properties"
 echo "vendor.kest.probemond.ping_timeout=1000" >"$props"
 
 # stats DELAY: reads RTTs (ms) on stdin, prints "samples mean mae max-error".

@@ -11,23 +11,12 @@
 #             start-up and the binder round trip
 # SELECT is about FIREWALL + KILL + CALL.
 #   PROBEMOND_BENCH_CHANGES  changes per row (default 6, made even)
-set -u
-ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-export PROBEMOND_SOURCE_DIR="$ROOT"
-export PROBEMOND_BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
-LAB="$ROOT/lab/lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
 CHANGES="${PROBEMOND_BENCH_CHANGES:-6}"
 CHANGES=$(( (CHANGES + 1) / 2 * 2 ))  # even: every row starts and ends on wlan0
 
 [ -z "${PROBEMOND_EMULATOR:-}" ] || { echo "skipped: steer times socket destruction: qemu-user does not translate NETLINK_SOCK_DIAG"; exit 77; }
-. "$ROOT/bench/lab_bench.sh"
-bench_in_lab steering "$ROOT/bench/steer.sh" "${1:-}" probemond probemonctl probemond-responder probemond-bench-steer
-
-. "$ROOT/tests/e2e/daemon_lab.sh"
-pd_init
-trap pd_cleanup EXIT
-trap 'exit 130' INT TERM
-pd_clean_kernel
+own_lab_script "bench steer" "${1:-}" probemond probemonctl probemond-responder probemond-bench-steer
 readonly BASE=10200 PER=4
 
 die() { echo "bench steer: $*" >&2; exit 1; }

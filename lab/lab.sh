@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The network lab: a "device" namespace with the ten interfaces the daemon
-# knows, wired by veth pairs to an "internet" namespace that owns every
+# The network lab: a "device" namespace with the interfaces the daemon knows
+# (lab/interfaces), wired by veth pairs to an "internet" namespace that owns every
 # resolver address and runs the ICMP responder.
 #
 #   lab.sh up | down [--force] | status | list
@@ -11,6 +11,7 @@
 #   lab.sh fault IFACE MODE|off   misbehave on IFACE (see usage)
 #   lab.sh counters [IFACE]       packets the device sent over IFACE
 #   lab.sh relink IFACE           re-create IFACE after a test deleted it
+#   lab.sh reset                  every interface present, up, and without delay, loss or fault
 #
 # PROBEMOND_LAB (default "probemond") names the lab; labs with different
 # names are independent. PROBEMOND_LAB_OWNER is the pid of the process a lab
@@ -35,8 +36,8 @@ STATE="/run/probemond-lab-$NAME"
 BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
 RESPONDER="$BUILD_DIR/bin/probemond-responder"
 
-IFACES=(wlan0 wlan1 rmnet_data0 rmnet_data1 rmnet_data2 rmnet_data3 rmnet_data4 rmnet_data5
-        rmnet_data6 rmnet_data7)
+. "$ROOT/lab/interfaces.sh"
+IFACES=("${LAB_IFACES[@]}")
 RESOLVERS=(180.76.76.76 223.5.5.5 114.114.114.114 208.67.222.222 114.114.115.115 223.6.6.6
            8.8.8.8 1.1.1.1 8.8.4.4 1.0.0.1)
 FAULTS=(off silent wrong-seq bad-checksum foreign-source unreachable duplicate
@@ -45,16 +46,10 @@ FAULTS=(off silent wrong-seq bad-checksum foreign-source unreachable duplicate
 die() { echo "lab: $*" >&2; exit 1; }
 skip() { echo "skipped: $*"; exit 77; }
 
-# Per interface: subnet octet, routing table id, main-table metric.
-# wlan0 10.77.0.0/24, wlan1 10.77.1.0/24, rmnet_dataN 10.77.(10+N).0/24;
-# the device is .2, the internet side .1. wlan0 has the lowest metric so
-# unmarked traffic leaves through it.
-octet() {
-    case "$1" in
-        wlan*) echo "${1#wlan}" ;;
-        rmnet_data*) echo $((10 + ${1#rmnet_data})) ;;
-    esac
-}
+# Per interface: subnet octet (from lab/interfaces), routing table id,
+# main-table metric. The device is .2, the internet side .1; the lowest
+# metric carries unmarked traffic.
+octet() { echo "${LAB_OCTET[$1]}"; }
 table_id() { echo $((1000 + $(octet "$1"))); }
 metric() { echo $((100 + $(octet "$1"))); }
 mac() { printf '02:77:00:%02x:00:%02x' "$(octet "$1")" "$2"; }
@@ -354,8 +349,9 @@ cmd_counters() {
         counter "$1"
         return
     fi
-    local i
-    for i in "${IFACES[@]}"; do printf '%s %s\n' "$i" "$(counter "$i")"; done
+    # One entry into the namespace for all (tests poll this); peers are n-IFACE.
+    ip netns exec "$NET" sh -c 'for i; do
+        printf "%s %s\n" "$i" "$(cat "/sys/class/net/n-$i/statistics/rx_packets" 2>/dev/null)"; done' sh "${IFACES[@]}"
 }
 
 cmd_list() {  # every lab on this machine, with its owner
@@ -375,6 +371,22 @@ cmd_relink() {
     need_iface "${1:-}"
     lock
     setup_iface "$1" || die "cannot set up $1"
+}
+
+cmd_reset() {
+    require_root
+    [ -d "$STATE/ctl" ] || die "lab $NAME is not up"
+    local i
+    for i in "${IFACES[@]}"; do
+        write_setting "$i" delay 0
+        write_setting "$i" loss 0
+        write_setting "$i" fault off
+        if ! ip -n "$DEV" link show "$i" >/dev/null 2>&1; then
+            lock
+            setup_iface "$i" || die "cannot set up $i"
+        fi
+        ip -n "$DEV" link set "$i" up || die "cannot set $i up"
+    done
 }
 
 cmd_exec() {
@@ -412,6 +424,7 @@ usage: lab.sh COMMAND [ARGS]   (lab "$NAME"; set PROBEMOND_LAB for another)
                            packet after the delay, the real reply one delay later)
   counters [IFACE]         packets received from IFACE on the internet side
   relink IFACE             re-create IFACE (and its peer) as "up" made it
+  reset                    every interface present and up, no delay, loss or fault
 U
 }
 
@@ -428,6 +441,7 @@ case "$sub" in
     fault) cmd_fault "$@" ;;
     counters) cmd_counters "$@" ;;
     relink) cmd_relink "$@" ;;
+    reset) cmd_reset ;;
     -h|--help|help|"") usage ;;
     *) usage >&2; exit 2 ;;
 esac

@@ -4,26 +4,14 @@
 # auto-select moving it to rmnet_data0 when Wi-Fi degrades, with the client
 # callback, the traffic moving and the app's open TCP connection destroyed.
 # Exit 0 only when every step was seen. Leaves nothing behind.
-set -u
-ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-export PROBEMOND_SOURCE_DIR="$ROOT"
-export PROBEMOND_BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
-LAB="$ROOT/lab/lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
 # The run's log and its timeline picture stay here for the user to open.
 DEMO_OUT="$PROBEMOND_BUILD_DIR/demo"
 
 if [ "${1:-}" != "--inside" ]; then
-    [ "$(id -u)" -eq 0 ] || { echo "demo: needs root (network namespaces, raw sockets)" >&2; exit 77; }
-    for b in probemond probemonctl probemond-responder probemond-lab-peer; do
-        [ -x "$PROBEMOND_BUILD_DIR/bin/$b" ] || { echo "demo: $b is not built (./run build)" >&2; exit 2; }
-    done
-    # A lab of the demo's own, gone when it ends however it ends.
-    export PROBEMOND_LAB="${PROBEMOND_LAB:-probemond}-$$" PROBEMOND_LAB_OWNER=$$
-    trap '"$LAB" down >/dev/null 2>&1' EXIT
-    trap 'exit 130' INT TERM HUP
-    "$LAB" up >/dev/null || { echo "demo: the lab did not come up" >&2; exit 1; }
+    own_lab demo probemond probemonctl probemond-responder probemond-lab-peer
     rm -f "$DEMO_OUT/probemond.log" "$DEMO_OUT/timeline.png"
-    "$LAB" exec "$ROOT/tools/demo.sh" --inside
+    run_inside
     rc=$?
     if [ -s "$DEMO_OUT/probemond.log" ]; then
         /usr/bin/python3 "$ROOT/tools/plot/plot_timeline.py" "$DEMO_OUT/probemond.log" \
@@ -34,9 +22,7 @@ if [ "${1:-}" != "--inside" ]; then
     exit $rc
 fi
 
-. "$ROOT/tests/e2e/daemon_lab.sh"
-pd_init
-START=$SECONDS
+lab_session
 MISSED=()
 say() { printf '%6.1fs  %s\n' "$(awk -v s="$(date +%s.%N)" -v t="$T0" 'BEGIN{print s-t}')" "$*"; }
 ok() { say "$1"; }

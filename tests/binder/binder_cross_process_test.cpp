@@ -87,6 +87,11 @@ TEST(Probemonctl, UsageAndAbsentServiceAreClearFailures) {
         EXPECT_EQ(2, code) << args;
         EXPECT_NE(std::string::npos, out.find("usage: probemonctl")) << out;
     }
+    for (const char* args : {"--help", "-h"}) {  // asked for: the usage alone, no failure
+        auto [code, out] = ctl(args);
+        EXPECT_EQ(0, code) << args;
+        EXPECT_EQ(0u, out.find("usage: probemonctl")) << out;
+    }
     auto [code, out] = ctl("rtt wlan0", "PROBEMOND_BINDER_DIR=/nonexistent");
     EXPECT_EQ(1, code);
     EXPECT_NE(std::string::npos, out.find("probemond_Binder is not running")) << out;

@@ -2,14 +2,15 @@
 # End-to-end: build/bin/probemond as a process in the lab's device namespace,
 # driven by probemonctl. One case per run: e2e_test.sh CASE (through lab.sh exec).
 set -u  # no pipefail: "| grep -q" may close its pipe early
-. "$(dirname "${BASH_SOURCE[0]}")/daemon_lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../support/lab_case.sh"
 
-readonly UID_APP=10123 IFACES="rmnet_data0 rmnet_data1 rmnet_data2 rmnet_data3 rmnet_data4 rmnet_data5 rmnet_data6 rmnet_data7 wlan0 wlan1"
+# MAP_ORDER: the interfaces in the order of the daemon's interface map (by name).
+readonly UID_APP=10123 MAP_ORDER="$(lab_ifaces_sorted | paste -sd ' ')"
 
 # The kernel state a start leaves: the chain tree, one marking chain per
 # interface and one MASQUERADE per interface; OUTPUT_JUMPS counts the starts.
 check_chains() {
-    local m n i mark end
+    local m n i end
     m="$(iptables-legacy-save -t mangle)" n="$(iptables-legacy-save -t nat)"
     expect_eq "OUTPUT jumps" "$1" "$(grep -c '^-A OUTPUT -j kest_probemon_uid$' <<<"$m")"
     expect_eq "POSTROUTING jumps" "$1" "$(grep -c '^-A POSTROUTING -j kest_probemon_snat$' <<<"$n")"
@@ -17,12 +18,12 @@ check_chains() {
         "$(sed -n 's/^-A kest_probemon_iface -j //p' <<<"$m" | paste -sd ' ')"
     expect_eq "rules in the uid, branch and snat chains" 0 \
         "$(grep -cE '^-A (kest_probemon_uid|kest_probemon_iface_[a-z]*|kest_probemon_snat) ' <<<"$m$n")"
-    for i in $IFACES; do
-        case "$i" in wlan*) mark="0xa${i#wlan}" end=RETURN ;; *) mark="0xd${i#rmnet_data}" end=ACCEPT ;; esac
-        expect_eq "chain of $i" "MARK --set-xmark $mark/0xffffffff|CONNMARK --save-mark --nfmask 0xffffffff --ctmask 0xffffffff|$end" \
+    for i in $MAP_ORDER; do
+        case "$i" in wlan*) end=RETURN ;; *) end=ACCEPT ;; esac
+        expect_eq "chain of $i" "MARK --set-xmark ${LAB_FWMARK[$i]}/0xffffffff|CONNMARK --save-mark --nfmask 0xffffffff --ctmask 0xffffffff|$end" \
             "$(sed -n "s/^-A kest_probemon_$i -j //p" <<<"$m" | paste -sd '|')"
     done
-    expect_eq "masquerade rules, in the interface map's order" "$IFACES" \
+    expect_eq "masquerade rules, in the interface map's order" "$MAP_ORDER" \
         "$(sed -n 's/^-A kest_masquerade -o \([a-z_0-9]*\) -j MASQUERADE$/\1/p' <<<"$n" | paste -sd ' ')"
 }
 
@@ -34,7 +35,7 @@ case_startup() {
         "$(head -n 4 <<<"$texts" | paste -sd '|')"
     # The records are built in table order, the workers started in map order,
     # and the three trace lines follow before the service is registered.
-    expect_eq "start-up order" "wlan0 wlan1 rmnet_data0 rmnet_data1 rmnet_data2 rmnet_data3 rmnet_data4 rmnet_data5 rmnet_data6 rmnet_data7 $IFACES gotIt gotIt gotIt" \
+    expect_eq "start-up order" "${LAB_IFACES[*]} $MAP_ORDER gotIt gotIt gotIt" \
         "$(sed -n 's/^initInterfaceInfoAndMap interface=\([a-z_0-9]*\),.*/\1/p; s/^initAllPingThread Init ping thread on //p; s/^\(gotIt\) called$/\1/p' <<<"$texts" | paste -sd ' ')"
 
     # A restart flushes what the last run steered and adds the jumps again.
@@ -56,9 +57,10 @@ case_calls() {
         "auto-select wlan0,rmnet_data0," "disable-auto-select"; do
         expect_eq "$c" 0 "$(pd_ctl $c)"
     done
-    expect_eq "rules at wlan1's priority" "fwmark 0xa1/0xffff lookup wlan1" "$(ip -4 rule show prio 29600 | sed 's/^29600:\tfrom all //')"
+    local prio="${LAB_PRIORITY[wlan1]}"
+    expect_eq "rules at wlan1's priority" "fwmark ${LAB_FWMARK[wlan1]}/0xffff lookup wlan1" "$(ip -4 rule show prio "$prio" | sed "s/^$prio:\tfrom all //")"
     expect_eq "del-ip-rule" 0 "$(pd_ctl del-ip-rule wlan1)"
-    expect_eq "rules after del-ip-rule" 0 "$(ip -4 rule show prio 29600 | grep -c .)"
+    expect_eq "rules after del-ip-rule" 0 "$(ip -4 rule show prio "$prio" | grep -c .)"
     # The second probe line proves the first probe's result is stored.
     pd_wait_true 10 pd_log_at_least "^wlan0,rtt=" 2 || fail "wlan0 did not probe twice"
     pd_rtt_in wlan0 20 100 || fail "rtt wlan0 with a 20 ms responder: $(pd_ctl rtt wlan0)"
@@ -133,7 +135,7 @@ case_auto() {
     grep -qE "^  wlan0 made=[1-9][0-9]* failed=[0-9]+ historyFailed=[0-9]+% lastProbeMsAgo=[0-9]+ " <<<"$out" ||
         fail "no probe counters for wlan0"
     out="$(pd_ctl top --once)"
-    expect_eq "top rows" 10 "$(grep -cE '^(wlan|rmnet_data)[0-9] ' <<<"$out")"
+    expect_eq "top rows" ${#LAB_IFACES[@]} "$(grep -cE "^($(IFS='|'; echo "${LAB_IFACES[*]}")) " <<<"$out")"
     grep -qx "user: wlan0   auto-select: on   auto: rmnet_data0" <<<"$out" || fail "top: selection line missing"
 
     expect_eq "disable-auto-select" 0 "$(pd_ctl disable-auto-select)"
@@ -154,7 +156,7 @@ case_dump_held() {
     expect_eq "a later select waits for the held mutex" 124 "$?"
     local out
     out="$(pd_ctl_within 5 dump)" || fail "dump did not answer (rc $?)"
-    expect_eq "interfaces in dump" 10 "$(grep -c ' fwmark=' <<<"$out")"
+    expect_eq "interfaces in dump" ${#LAB_IFACES[@]} "$(grep -c ' fwmark=' <<<"$out")"
     grep -q "^  wlan0 fwmark=0xa0 prio=29500 server=8.8.8.8 running=1 .* history=\[[0-9]" <<<"$out" ||
         fail "wlan0 line without its probe history: $(grep wlan0 <<<"$out")"
     grep -qx "userSelectIface: wlan0" <<<"$out" || fail "user selection missing from dump"

@@ -27,8 +27,9 @@ def plot(tl, out):
         c = colors[k % len(colors)]
         ax.plot([p[0] for p in pts], [p[1] for p in pts], ".", color=c, alpha=0.5, ms=5,
                 label=f"{iface} rtt")
-        ax.plot([p[0] for p in pts], [p[2] for p in pts], "-", color=c, lw=1.8,
-                label=f"{iface} median")
+        # A median holds until the next sample.
+        ax.plot([p[0] for p in pts], [p[2] for p in pts], "-", drawstyle="steps-post", color=c,
+                lw=1.8, label=f"{iface} median")
     top = ax.get_ylim()[1]
     for s in tl.auto_switches:
         ax.axvline(s.t, color="red", lw=1.5)

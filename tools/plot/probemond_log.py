@@ -1,9 +1,14 @@
 """Reads probemond's log lines, from the host's stderr or from
 `adb logcat -v threadtime`, into the events a timeline shows."""
 import datetime
+import os
 import re
+import sys
 from dataclasses import dataclass, field
 from typing import List, Optional
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "lab"))
+import interfaces  # noqa: E402
 
 # Host: "probemond D 11-22 11:40:01 1234 1240 text" (liblog on stderr).
 _HOST = re.compile(r"^(?P<tag>\S+) (?P<prio>[VDIWEF]) (?P<date>\d\d-\d\d) "
@@ -19,7 +24,7 @@ _SELECT = re.compile(r"^selectInterface prev=(\S+), curr=(\S+), kill=\d+$")
 _SELECT_CALL = re.compile(r"^selectInterfaceInternal, iface=(\S*)$")
 _ROTATE = re.compile(r"^Ping thread \d+ on (\S+) switch DNS to (\S+)$")
 _AUTO = re.compile(r"^Auto select thread \d+ is (started|stopped)$")
-_IFACE = re.compile(r"^(wlan[01]|rmnet_data[0-7])$")
+_IFACES = frozenset(interfaces.names())
 
 
 @dataclass
@@ -90,7 +95,7 @@ def parse(lines, year=None):
             selected[line.pid] = True
         elif m := _SELECT_CALL.match(msg):
             # The first selection of a run logs only the call.
-            if _IFACE.match(m[1]) and not selected.get(line.pid):
+            if m[1] in _IFACES and not selected.get(line.pid):
                 tl.manual.append(Switch(t, "", m[1], None, last_mrtt.get(m[1])))
                 selected[line.pid] = True
         elif m := _ROTATE.match(msg):

@@ -54,20 +54,22 @@ const Command kCommands[] = {
     {"disable-auto-select", IKestNetworkProbeMon::DISABLE_AUTO_SELECT, nullptr},
 };
 
-int usage(const char* problem) {
+// Asked for (--help): on stdout, exit 0; after a wrong use: on stderr, exit 2.
+int usage(const char* problem, bool asked = false) {
+    FILE* out = asked ? stdout : stderr;
     if (problem != nullptr) fprintf(stderr, "probemonctl: %s\n", problem);
-    fprintf(stderr, "usage: probemonctl COMMAND [ARG]\n");
+    fprintf(out, "usage: probemonctl COMMAND [ARG]\n");
     for (const Command& c : kCommands) {
-        fprintf(stderr, "  %s%s%s\n", c.name, c.argName ? " " : "", c.argName ? c.argName : "");
+        fprintf(out, "  %s%s%s\n", c.name, c.argName ? " " : "", c.argName ? c.argName : "");
     }
-    fprintf(stderr,
+    fprintf(out,
             "  dump                  print the service's state\n"
             "  top [--interval S] [--once]  live table of the interfaces, from the dump\n"
             "  watch [--reply N]     serve %s, print each onAutoSelect, answer N (default 0)\n"
             "  call CODE [STRING]    send transaction CODE with an optional C string\n"
             "Each command prints the reply integer.\n",
             kCallbackName);
-    return kExitUsage;
+    return asked ? 0 : kExitUsage;
 }
 
 const char* statusName(status_t s) {
@@ -204,6 +206,7 @@ int runWatch(int32_t reply) {
 int main(int argc, char** argv) {
     if (argc < 2) return usage(nullptr);
     const std::string cmd = argv[1];
+    if (cmd == "--help" || cmd == "-h") return usage(nullptr, true);
     const int extra = argc - 2;
     ProcessState::initWithDriver(kDriver);
 

@@ -1,17 +1,21 @@
-# Shared by the end-to-end and reliability tests, the demo and the benches:
-# runs build/bin/probemond in the lab's device namespace with a private binder
-# directory and property file, and drives it with probemonctl. Source it, then
-# call pd_init. Every function expects to run inside the device namespace.
+# shellcheck shell=bash
+# Drives the daemon in the lab, for the end-to-end and reliability tests, the
+# demo and the benches: runs build/bin/probemond in the lab's device namespace
+# with a private binder directory and property file, drives it with
+# probemonctl, sends traffic and reads the lab's counters. Source it, then call
+# pd_init. Every function expects to run inside the device namespace.
+
+PD_ROOT="${PROBEMOND_SOURCE_DIR:-$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)}"
+. "$PD_ROOT/lab/interfaces.sh"
 
 pd_init() {
-    PD_ROOT="${PROBEMOND_SOURCE_DIR:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)}"
     PD_BIN="${PROBEMOND_BUILD_DIR:-$PD_ROOT/build}/bin"
     PD_LAB="$PD_ROOT/lab/lab.sh"
-    PD_TMP="$(mktemp -d /tmp/probemond-e2e.XXXXXX)"
+    PD_TMP="$(mktemp -d /tmp/probemond-lab.XXXXXX)"
     export PROBEMOND_BINDER_DIR="$PD_TMP/binder" PROBEMOND_PROPERTY_FILE="$PD_TMP/properties"
     : >"$PROBEMOND_PROPERTY_FILE"
     PD_LOG="$PD_TMP/probemond.log"
-    PD_DAEMON_PID="" PD_SANITIZER_REPORTS=0 PD_CHILDREN=() PD_LAUNCH=() FAILED=0 PD_SKIPPED=""
+    PD_DAEMON_PID="" PD_SANITIZER_REPORTS=0 PD_CHILDREN=() PD_LAUNCH=()
     # A race report must not scroll by in a log that is deleted afterwards.
     export TSAN_OPTIONS="halt_on_error=1 ${TSAN_OPTIONS:-}"
 }
@@ -38,7 +42,7 @@ pd_cleanup() {
 pd_clean_kernel() {
     local t prio
     for t in mangle nat; do iptables-legacy-save -t $t | grep -v kest_ | iptables-legacy-restore -w -T $t; done
-    for prio in $(seq 29500 100 30400); do
+    for prio in "${LAB_PRIORITY[@]}"; do
         while ip -4 rule del prio "$prio" 2>/dev/null; do :; done
     done
 }
@@ -133,14 +137,18 @@ pd_hold() {  # NAME UID PORT: a TCP connection held open by UID
 }
 
 # pd_udp_carrier UID COUNT: sends COUNT datagrams as UID; prints the interface
-# whose counter rose by at least COUNT ("none" when no interface did).
+# whose counter rose by at least COUNT, once one has (they are counted when the
+# internet side receives them), or "none" when none did within 10 seconds.
 pd_udp_carrier() {
-    local i before=() ifaces=(wlan0 wlan1 rmnet_data0 rmnet_data1)
-    for i in "${!ifaces[@]}"; do before[$i]="$("$PD_LAB" counters "${ifaces[$i]}")"; done
+    local before carrier deadline=$((SECONDS + 10))
+    before="$("$PD_LAB" counters)"
     pd_as_uid "$1" probemond-lab-peer udp 8.8.8.8 9 "$2" >/dev/null || { echo "send-failed"; return; }
-    sleep 0.2
-    for i in "${!ifaces[@]}"; do
-        [ $(($("$PD_LAB" counters "${ifaces[$i]}") - before[i])) -ge "$2" ] && { echo "${ifaces[$i]}"; return; }
+    while :; do
+        carrier="$(awk -v n="$2" 'NR == FNR { b[$1] = $2; next } $2 - b[$1] >= n { print $1; exit }' \
+            <(echo "$before") <("$PD_LAB" counters))"
+        [ -n "$carrier" ] && { echo "$carrier"; return; }
+        [ $SECONDS -le $deadline ] || break
+        sleep 0.05
     done
     echo "none"
 }
@@ -150,55 +158,3 @@ pd_auto_branch() {
     iptables-legacy -w -t mangle -S kest_probemon_iface_auto 2>/dev/null | sed -n 's/^-A kest_probemon_iface_auto -j //p'
 }
 pd_auto_branch_is() { [ "$(pd_auto_branch)" = "$1" ]; }
-
-# ---- assertions of the test scripts
-
-fail() { echo "FAIL: $*"; FAILED=1; }
-expect_eq() { [ "$2" = "$3" ] || fail "$1: expected '$2', got '$3'"; }  # WHAT EXPECTED ACTUAL
-# unless_sock_diag_refused CMD...: runs CMD (a failure) unless the daemon could
-# not open NETLINK_SOCK_DIAG because qemu-user does not translate that family;
-# then the case runs its other checks and ends skipped unless one fails.
-unless_sock_diag_refused() {
-    if [ -n "${PROBEMOND_EMULATOR:-}" ] &&
-        grep -qF "Failed to open NETLINK_SOCK_DIAG socket: Protocol not supported" "$PD_LOG"; then
-        PD_SKIPPED="socket destruction: qemu-user does not translate NETLINK_SOCK_DIAG"
-    else
-        "$@"
-    fi
-}
-
-# pd_run_case CASE: the common frame of a test script; exit 0 pass,
-# 1 fail, 77 skipped. After a failure it shows the end of the daemon's log and
-# of every file the case left in PD_TMP.
-pd_finish() {
-    if [ $FAILED -ne 0 ] && [ -n "${PD_TMP:-}" ]; then
-        local f
-        for f in "$PD_LOG" "$PD_TMP"/*; do
-            case "$f" in *properties|*binder|*sysbin) continue ;; esac
-            [ -f "$f" ] && { echo "--- $(basename "$f") ---"; tail -n 40 "$f" | cut -c1-300; }
-        done
-    fi
-    pd_cleanup
-    [ "$PD_SANITIZER_REPORTS" -eq 0 ] || { echo "FAIL: sanitizer report in the daemon's log"; exit 1; }
-}
-pd_run_case() {
-    [ "$(id -u)" -eq 0 ] || { echo "skipped: needs root"; exit 77; }
-    [ -n "${PROBEMOND_LAB_INSIDE:-}${PROBEMOND_SYSTEM_BIN:-}" ] || { echo "skipped: run through lab.sh exec"; exit 77; }
-    declare -F "case_$1" >/dev/null || { echo "unknown case '$1'"; exit 2; }
-    pd_init
-    trap 'lab_defaults; pd_finish' EXIT
-    pd_clean_kernel
-    lab_defaults
-    "case_$1"
-    [ $FAILED -eq 0 ] && [ -n "$PD_SKIPPED" ] && { echo "skipped: $PD_SKIPPED"; exit 77; }
-    [ $FAILED -eq 0 ] && echo "PASS: $1"
-    exit $FAILED
-}
-lab_defaults() {
-    local i
-    for i in wlan0 wlan1 rmnet_data0 rmnet_data1 rmnet_data2 rmnet_data3 rmnet_data4 rmnet_data5 rmnet_data6 rmnet_data7; do
-        "$PD_LAB" delay "$i" 0; "$PD_LAB" fault "$i" off; "$PD_LAB" loss "$i" 0
-        ip link show "$i" >/dev/null 2>&1 || "$PD_LAB" relink "$i"
-        ip link set "$i" up
-    done
-}
