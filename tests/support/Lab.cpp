@@ -37,12 +37,6 @@ bool labDelay(const std::string& iface, int ms) { return runLab("delay " + iface
 
 bool labFault(const std::string& iface, const std::string& mode) { return runLab("fault " + iface + " " + mode); }
 
-bool labReset() {
-    bool ok = true;
-    for (const char* iface : {"wlan0", "wlan1", "rmnet_data0", "rmnet_data1", "rmnet_data2", "rmnet_data3",
-                              "rmnet_data4", "rmnet_data5", "rmnet_data6", "rmnet_data7"})
-        for (bool done : {labDelay(iface, 0), runLab(std::string("loss ") + iface + " 0"), labFault(iface, "off")}) ok = ok && done;
-    return ok;
-}
+bool labReset() { return runLab("reset"); }
 
 }  // namespace probemond::test
