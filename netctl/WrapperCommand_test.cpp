@@ -41,7 +41,7 @@ protected:
         unsetenv("PROBEMOND_SYSTEM_BIN");
         ASSERT_EQ(system(("rm -rf " + dir_).c_str()), 0);
     }
-    bool run(const char* command) { return runWrapperCommand(runner_, command, kIptablesCommandFailure); }
+    bool run(const char* command) { return runWrapperCommand(runner_, command, probemond::kIptables.failureFormat); }
     // The tool output that reached the log, all of it at debug priority.
     static Lines responses(const LogCapture& log) {
         Lines out;
