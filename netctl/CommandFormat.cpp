@@ -8,7 +8,7 @@
 
 namespace probemond {
 
-void formatBoundedAfter(char* buf, size_t size, const char* lead, const char* fmt, va_list args) {
+void vformatBounded(char* buf, size_t size, const char* lead, const char* fmt, va_list args) {
     const size_t leadLength = strnlen(lead, size);
     memcpy(buf, lead, leadLength);
     const int n = vsnprintf(buf + leadLength, size - leadLength, fmt, args);
@@ -22,7 +22,7 @@ void formatBoundedAfter(char* buf, size_t size, const char* lead, const char* fm
 void formatBounded(char* buf, size_t size, const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    formatBoundedAfter(buf, size, "", fmt, args);
+    vformatBounded(buf, size, "", fmt, args);
     va_end(args);
 }
 

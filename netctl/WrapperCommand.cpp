@@ -48,7 +48,7 @@ CommandRun runCommand(CommandExecutor& executor, const WrapperTool& tool, const 
     CommandRun run{};
     va_list args;
     va_start(args, argsFormat);
-    formatBoundedAfter(run.line, sizeof(run.line), tool.prefix, argsFormat, args);
+    vformatBounded(run.line, sizeof(run.line), tool.prefix, argsFormat, args);
     va_end(args);
     run.started = runWrapperCommand(executor, run.line, tool.failureFormat);
     return run;
