@@ -37,7 +37,7 @@ const Row kRows[] = {
 class RuleManagers : public ::testing::Test {
 protected:
     RecordingCommandExecutor rec_;
-    IptablesRuleManager ipt_{rec_, rec_};
+    IptablesRuleManager ipt_{rec_, rec_};  // the recorder is its runner and its socket killer
 };
 using CommandLines = RuleManagers;
 
