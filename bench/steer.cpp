@@ -3,11 +3,11 @@
 //   probemond-bench-steer PROBEMONCTL BASE N PER CHANGES
 // Holds PER sockets (half TCP, half UDP) for each UID, then CHANGES times:
 // times `probemonctl select` (alternating rmnet_data0 / wlan0), re-opens the
-// destroyed sockets, times the change's own wrapper commands run again
-// through the same runner (they leave the chains as they are), times
-// killUidSockets over the same UIDs in this process, and times a call that
-// changes nothing (`probemonctl rtt wlan0`).
-// Prints: UIDS SOCKETS SELECT FIREWALL KILL CALL (medians, ms) DESTROYED-OK
+// destroyed sockets, has a rule manager of its own (on a runner that times
+// each line) make the same change again (it leaves the chains as they are)
+// and kill the same UIDs' sockets, adds and deletes a policy rule of its own,
+// and times a call that changes nothing (`probemonctl rtt wlan0`).
+// Prints: UIDS SOCKETS SELECT FIREWALL KILL IPRULE CALL (medians, ms) DESTROYED-OK
 #include <android-base/unique_fd.h>
 #include <arpa/inet.h>
 #include <errno.h>
@@ -28,7 +28,8 @@
 
 #include <android/log.h>
 
-#include "netctl/SockDiag.h"
+#include "netctl/IpRuleManager.h"
+#include "netctl/IptablesRuleManager.h"
 #include "netctl/WrapperCommand.h"
 
 extern char** environ;
@@ -110,15 +111,36 @@ double timedCall(const char* ctl, const char* cmd, const char* arg) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? ms : -1;
 }
 
-#define IPTABLES "/system/bin/iptables-wrapper-1.0 -w "
+// Runs each line for real and keeps how long it took. Until armed it runs
+// nothing: the daemon next door built the chain tree and steers the UIDs, and
+// the start-up and add-UID lines of this process's manager would only flush
+// and duplicate its rules. The tools' complaints (a delete that finds no
+// rule) would land in the table: their stderr goes nowhere.
+class TimingExecutor : public probemond::CommandExecutor {
+public:
+    bool execute(const char* command, const std::function<void(const char*)>& onOutput) override {
+        if (!armed) return true;
+        const std::string quiet = std::string(command) + " 2>/dev/null";
+        const auto t0 = std::chrono::steady_clock::now();
+        const bool started = real_.execute(quiet.c_str(), onOutput);
+        lineMs_.push_back(msSince(t0));
+        allStarted = allStarted && started;
+        return started;
+    }
+    // The time of the lines run since the last call, or -1 when none ran.
+    double takeMs() {
+        double sum = lineMs_.empty() ? -1 : 0;
+        for (double ms : lineMs_) sum += ms;
+        lineMs_.clear();
+        return sum;
+    }
+    bool armed = false;
+    bool allStarted = true;
 
-// The commands a selection of IFACE runs, in order.
-std::vector<std::string> selectionCommands(const std::string& iface) {
-    if (iface.compare(0, 10, "rmnet_data") == 0)
-        return {IPTABLES "-t mangle -F kest_probemon_iface_wlan", IPTABLES "-t mangle -F kest_probemon_iface_rmnet",
-                IPTABLES "-t mangle -I kest_probemon_iface_rmnet -j kest_probemon_" + iface};
-    return {IPTABLES "-t mangle -F kest_probemon_iface_rmnet", IPTABLES "-t mangle -F kest_probemon_iface_wlan"};
-}
+private:
+    probemond::PopenCommandExecutor real_;
+    std::vector<double> lineMs_;
+};
 
 double median(std::vector<double> v) {
     std::sort(v.begin(), v.end());
@@ -161,11 +183,14 @@ int main(int argc, char** argv) {
         fprintf(stderr, "cannot open the sockets\n");
         return 1;
     }
-    std::vector<std::string> uidText;
-    for (int u = 0; u < uids; ++u) uidText.push_back(std::to_string(base + static_cast<uid_t>(u)));
+    TimingExecutor runner;
+    probemond::KernelSocketKiller killer;
+    IptablesRuleManager iptables(runner, killer);
+    IpRuleManager ipRules(runner);
+    for (int u = 0; u < uids; ++u) iptables.addUid(std::to_string(base + static_cast<uid_t>(u)).c_str());
+    runner.armed = true;
 
-    std::vector<double> select, kill, call, firewall;
-    bool commandsOk = true;
+    std::vector<double> select, kill, call, firewall, ipRule;
     bool allDestroyed = true;
     for (int c = 0; c < changes; ++c) {
         const char* iface = c % 2 == 0 ? "rmnet_data0" : "wlan0";
@@ -176,16 +201,17 @@ int main(int argc, char** argv) {
         }
         if (reopen(slots, &ok) != static_cast<int>(slots.size())) allDestroyed = false;
         const auto t0 = std::chrono::steady_clock::now();
-        for (const std::string& u : uidText) killUidSockets(u.c_str());
+        iptables.killUidSocket();
         const double k = msSince(t0);
         if (reopen(slots, &ok) != static_cast<int>(slots.size())) allDestroyed = false;
-        const auto f0 = std::chrono::steady_clock::now();
-        static probemond::PopenCommandExecutor runner;
-        for (const std::string& cmd : selectionCommands(iface))
-            commandsOk = runWrapperCommand(runner, cmd.c_str(), "cannot run %s") && commandsOk;
-        const double f = msSince(f0);
+        iptables.selectIface(iface, false);
+        const double f = runner.takeMs();
+        // Mark 0x1 to the main table, where unmarked packets go anyway, at a free priority.
+        ipRules.addIpRule("main", "0x1", "32000");
+        ipRules.delIpRule("32000");
+        const double r = runner.takeMs();
         const double n = timedCall(ctl, "rtt", "wlan0");
-        if (!ok || n < 0 || !commandsOk) {
+        if (!ok || n < 0 || f < 0 || r < 0 || !runner.allStarted) {
             fprintf(stderr, "cannot re-open sockets, run the commands or reach the daemon\n");
             return 1;
         }
@@ -193,8 +219,9 @@ int main(int argc, char** argv) {
         kill.push_back(k);
         call.push_back(n);
         firewall.push_back(f);
+        ipRule.push_back(r);
     }
-    printf("%5d %8zu %10.1f %12.1f %10.1f %10.1f %s\n", uids, slots.size(), median(select), median(firewall),
-           median(kill), median(call), allDestroyed ? "yes" : "NO");
+    printf("%5d %8zu %10.1f %12.1f %10.1f %10.1f %10.1f %s\n", uids, slots.size(), median(select), median(firewall),
+           median(kill), median(ipRule), median(call), allDestroyed ? "yes" : "NO");
     return allDestroyed ? 0 : 1;
 }

@@ -3,10 +3,14 @@
 # steered UIDs, each holding 4 open sockets (2 TCP, 2 UDP), and how that
 # splits into socket destruction and firewall commands.
 #   SELECT    `probemonctl select` end to end (rmnet_data0 and wlan0 in turn)
-#   FIREWALL  the change's 2 or 3 iptables wrapper commands, run again through
-#             the daemon's command runner right after it
-#   KILL      killUidSockets over the same UIDs and as many sockets, timed in
-#             a process of its own right after the change
+#   FIREWALL  the change's 2 or 3 iptables wrapper commands, made again right
+#             after it by a rule manager of the benchmark's own, each line
+#             timed by its command runner
+#   KILL      that manager destroying the same UIDs' sockets (as many of
+#             them), in a process of its own right after the change
+#   IPRULE    a policy rule of its own added (delete, then add) and deleted
+#             by an ip rule manager: the 3 ip wrapper commands of an
+#             add-ip-rule and a del-ip-rule
 #   CALL      a call that changes nothing (`probemonctl rtt wlan0`): client
 #             start-up and the binder round trip
 # SELECT is about FIREWALL + KILL + CALL.
@@ -27,7 +31,7 @@ for c in "add-ip-rule wlan0" "add-ip-rule rmnet_data0" "select wlan0"; do
 done
 
 echo "== steer: manual selection change with N steered UIDs, $PER sockets each, median of $CHANGES changes =="
-printf '%5s %8s %10s %12s %10s %10s %s\n' UIDS SOCKETS SELECT-ms FIREWALL-ms KILL-ms CALL-ms ALL-DESTROYED
+printf '%5s %8s %10s %12s %10s %10s %10s %s\n' UIDS SOCKETS SELECT-ms FIREWALL-ms KILL-ms IPRULE-ms CALL-ms ALL-DESTROYED
 added=0
 for n in 1 10 100; do
     while [ $added -lt $n ]; do
@@ -37,5 +41,6 @@ for n in 1 10 100; do
     "$PD_BIN/probemond-bench-steer" "$PD_BIN/probemonctl" $BASE $n $PER "$CHANGES" || die "the $n-UID row failed"
 done
 echo "SELECT: probemonctl select end to end; FIREWALL: the change's iptables wrapper commands; KILL:"
-echo "killUidSockets for every steered UID (4 dumps each: TCP, UDP, IPv4, IPv6); CALL: a probemonctl call"
-echo "that changes nothing. SELECT is about the sum of the other three. Against ss -K: see destroy."
+echo "killUidSockets for every steered UID (4 dumps each: TCP, UDP, IPv4, IPv6); IPRULE: an ip rule's"
+echo "add and delete (3 commands); CALL: a probemonctl call that changes nothing. SELECT is about"
+echo "FIREWALL + KILL + CALL. Against ss -K: see destroy."

@@ -1,23 +1,29 @@
 #include "netctl/CommandFormat.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
-#include <android/log.h>
+#include "common/Log.h"
 
 namespace probemond {
 
-void formatBounded(char* buf, size_t size, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(buf, size, fmt, ap);
-    va_end(ap);
-    if (n < 0 || static_cast<size_t>(n) >= size) {
-        __android_log_print(ANDROID_LOG_FATAL, nullptr, "formatted text of %d bytes does not fit in %zu: %s", n,
-                            size, fmt);
+void vformatBounded(char* buf, size_t size, const char* lead, const char* fmt, va_list args) {
+    const size_t leadLength = strnlen(lead, size);
+    memcpy(buf, lead, leadLength);
+    const int n = vsnprintf(buf + leadLength, size - leadLength, fmt, args);
+    const long total = n < 0 ? -1 : static_cast<long>(leadLength) + n;
+    if (total < 0 || static_cast<size_t>(total) >= size) {
+        LOGF("formatted text of %ld bytes does not fit in %zu: %s%s", total, size, lead, fmt);
         abort();
     }
+}
+
+void formatBounded(char* buf, size_t size, const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    vformatBounded(buf, size, "", fmt, args);
+    va_end(args);
 }
 
 }  // namespace probemond

@@ -18,11 +18,11 @@ public:
     IpRuleManager& operator=(const IpRuleManager&) = delete;
 
     // 0 when the add command could be started, -1 otherwise.
-    int32_t addIpRule(const char* table, const char* fwmark, const char* prio) PM_EXCLUDES(mMutex);
+    int32_t addIpRule(const char* table, const char* fwmark, const char* prio) PM_EXCLUDES(mutex_);
     // 0 when the delete command could be started, -1 otherwise.
-    int32_t delIpRule(const char* prio) PM_EXCLUDES(mMutex);
+    int32_t delIpRule(const char* prio) PM_EXCLUDES(mutex_);
 
 private:
-    probemond::CommandExecutor& mExecutor;
-    probemond::Mutex mMutex;
+    probemond::CommandExecutor& executor_;
+    probemond::Mutex mutex_;
 };

@@ -2,27 +2,46 @@
 
 #include <cstring>
 
-#include <android/log.h>
-
-#include "netctl/CommandFormat.h"
+#include "common/Log.h"
 #include "netctl/SockDiag.h"
 #include "netctl/UidText.h"
-#include "netctl/WrapperCommand.h"
 
 using probemond::formatBounded;
 using probemond::kChainNameSize;
-using probemond::kCommandSize;
+using probemond::kIptables;
+using probemond::runCommand;
 
 int32_t probemond::KernelSocketKiller::killUidSockets(const char* uid) { return ::killUidSockets(uid); }
 
 namespace {
 
-#define IPTABLES "/system/bin/iptables-wrapper-1.0 -w "
+// The tree, in the order it is built. A restarted daemon finds its chains:
+// -N fails harmlessly and -F empties them.
+constexpr const char* kChainTree[] = {
+        "-t mangle -N kest_probemon_uid",
+        "-t mangle -F kest_probemon_uid",
+        "-t mangle -I OUTPUT -j kest_probemon_uid",
+        "-t mangle -N kest_probemon_iface",
+        "-t mangle -F kest_probemon_iface",
+        "-t mangle -N kest_probemon_iface_rmnet",
+        "-t mangle -F kest_probemon_iface_rmnet",
+        "-t mangle -I kest_probemon_iface -j kest_probemon_iface_rmnet",
+        "-t mangle -N kest_probemon_iface_auto",
+        "-t mangle -F kest_probemon_iface_auto",
+        "-t mangle -A kest_probemon_iface -j kest_probemon_iface_auto",
+        "-t mangle -N kest_probemon_iface_wlan",
+        "-t mangle -F kest_probemon_iface_wlan",
+        "-t mangle -A kest_probemon_iface -j kest_probemon_iface_wlan",
+        "-t nat -N kest_probemon_snat",
+        "-t nat -F kest_probemon_snat",
+        "-t nat -A POSTROUTING -j kest_probemon_snat",
+        "-t nat -N kest_masquerade",
+        "-t nat -F kest_masquerade",
+};
 
 bool refuseBadUid(const char* caller, const char* uid) {
     if (probemond::isValidUidText(uid)) return false;
-    __android_log_print(ANDROID_LOG_ERROR, nullptr, "%s Invalid uid %s", caller,
-                        probemond::printableForLog(uid).c_str());
+    LOGE("%s Invalid uid %s", caller, probemond::printableForLog(uid).c_str());
     return true;
 }
 
@@ -36,90 +55,44 @@ IptablesRuleManager* IptablesRuleManager::instance() {
 }
 
 IptablesRuleManager::IptablesRuleManager(probemond::CommandExecutor& executor, probemond::SocketKiller& killer)
-    : mExecutor(executor), mKiller(killer) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s called", "IptablesRuleManager");
-    probemond::MutexLock lock(mMutex);
-    // A restarted daemon finds its chains: -N fails harmlessly and -F empties them.
-    run(IPTABLES "-t mangle -N kest_probemon_uid");
-    run(IPTABLES "-t mangle -F kest_probemon_uid");
-    run(IPTABLES "-t mangle -I OUTPUT -j kest_probemon_uid");
-    run(IPTABLES "-t mangle -N kest_probemon_iface");
-    run(IPTABLES "-t mangle -F kest_probemon_iface");
-    run(IPTABLES "-t mangle -N kest_probemon_iface_rmnet");
-    run(IPTABLES "-t mangle -F kest_probemon_iface_rmnet");
-    run(IPTABLES "-t mangle -I kest_probemon_iface -j kest_probemon_iface_rmnet");
-    run(IPTABLES "-t mangle -N kest_probemon_iface_auto");
-    run(IPTABLES "-t mangle -F kest_probemon_iface_auto");
-    run(IPTABLES "-t mangle -A kest_probemon_iface -j kest_probemon_iface_auto");
-    run(IPTABLES "-t mangle -N kest_probemon_iface_wlan");
-    run(IPTABLES "-t mangle -F kest_probemon_iface_wlan");
-    run(IPTABLES "-t mangle -A kest_probemon_iface -j kest_probemon_iface_wlan");
-    run(IPTABLES "-t nat -N kest_probemon_snat");
-    run(IPTABLES "-t nat -F kest_probemon_snat");
-    run(IPTABLES "-t nat -A POSTROUTING -j kest_probemon_snat");
-    run(IPTABLES "-t nat -N kest_masquerade");
-    run(IPTABLES "-t nat -F kest_masquerade");
-}
-
-void IptablesRuleManager::run(const char* command) {
-    runWrapperCommand(mExecutor, command, kIptablesCommandFailure);
-}
-
-void IptablesRuleManager::runFormatted(const char* fmt, const char* arg) {
-    char cmd[kCommandSize];
-    memset(cmd, 0, sizeof(cmd));
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    formatBounded(cmd, sizeof(cmd), fmt, arg);
-#pragma GCC diagnostic pop
-    run(cmd);
+    : executor_(executor), killer_(killer) {
+    LOGD("%s called", "IptablesRuleManager");
+    probemond::MutexLock lock(mutex_);
+    for (const char* args : kChainTree) runCommand(executor_, kIptables, "%s", args);
 }
 
 void IptablesRuleManager::initMangleRules(const char* iface, const char* mark) {
-    probemond::MutexLock lock(mMutex);
-    char chain[kChainNameSize];
-    memset(chain, 0, sizeof(chain));
+    probemond::MutexLock lock(mutex_);
+    char chain[kChainNameSize] = {};
     formatBounded(chain, sizeof(chain), "kest_probemon_%s", iface);
-    char cmd[kCommandSize];
-    memset(cmd, 0, sizeof(cmd));
-    formatBounded(cmd, sizeof(cmd), IPTABLES "-t mangle -N %s", chain);
-    run(cmd);
-    memset(cmd, 0, sizeof(cmd));
-    formatBounded(cmd, sizeof(cmd), IPTABLES "-t mangle -F %s", chain);
-    run(cmd);
-    memset(cmd, 0, sizeof(cmd));
-    formatBounded(cmd, sizeof(cmd), IPTABLES "-t mangle -A %s -j MARK --set-mark %s", chain, mark);
-    run(cmd);
-    memset(cmd, 0, sizeof(cmd));
-    formatBounded(cmd, sizeof(cmd), IPTABLES "-t mangle -A %s -j CONNMARK --save-mark", chain);
-    run(cmd);
-    memset(cmd, 0, sizeof(cmd));
+    runCommand(executor_, kIptables, "-t mangle -N %s", chain);
+    runCommand(executor_, kIptables, "-t mangle -F %s", chain);
+    runCommand(executor_, kIptables, "-t mangle -A %s -j MARK --set-mark %s", chain, mark);
+    runCommand(executor_, kIptables, "-t mangle -A %s -j CONNMARK --save-mark", chain);
     // Wi-Fi returns so traversal goes on after marking; cellular ends it with the mark set.
-    if (strstr(iface, "wlan") != nullptr) {
-        formatBounded(cmd, sizeof(cmd), IPTABLES "-t mangle -A %s -j RETURN", chain);
-    } else {
-        formatBounded(cmd, sizeof(cmd), IPTABLES "-t mangle -A %s -j ACCEPT", chain);
-    }
-    run(cmd);
+    const char* end = strstr(iface, "wlan") != nullptr ? "RETURN" : "ACCEPT";
+    runCommand(executor_, kIptables, "-t mangle -A %s -j %s", chain, end);
 }
 
 void IptablesRuleManager::initNatRules(const char* iface) {
-    probemond::MutexLock lock(mMutex);
+    probemond::MutexLock lock(mutex_);
     // Delete first so exactly one MASQUERADE rule exists per interface.
-    runFormatted(IPTABLES "-t nat -D kest_masquerade -o %s -j MASQUERADE", iface);
-    runFormatted(IPTABLES "-t nat -A kest_masquerade -o %s -j MASQUERADE", iface);
+    runCommand(executor_, kIptables, "-t nat -D kest_masquerade -o %s -j MASQUERADE", iface);
+    runCommand(executor_, kIptables, "-t nat -A kest_masquerade -o %s -j MASQUERADE", iface);
 }
 
 int32_t IptablesRuleManager::addUid(const char* uid) {
     // The UID reaches a shell command line.
     if (refuseBadUid("addUid", uid)) return 0;
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "Add uid %s", uid);
-    probemond::MutexLock lock(mMutex);
-    runFormatted(IPTABLES "-t mangle -D kest_probemon_uid -m owner --uid-owner %s -j kest_probemon_iface", uid);
-    runFormatted(IPTABLES "-t nat -D kest_probemon_snat -m owner --uid-owner %s -j kest_masquerade", uid);
-    runFormatted(IPTABLES "-t mangle -I kest_probemon_uid -m owner --uid-owner %s -j kest_probemon_iface", uid);
-    runFormatted(IPTABLES "-t nat -I kest_probemon_snat -m owner --uid-owner %s -j kest_masquerade", uid);
-    probemond::MutexLock listLock(mUidListLock);
+    LOGD("Add uid %s", uid);
+    probemond::MutexLock lock(mutex_);
+    runCommand(executor_, kIptables, "-t mangle -D kest_probemon_uid -m owner --uid-owner %s -j kest_probemon_iface",
+               uid);
+    runCommand(executor_, kIptables, "-t nat -D kest_probemon_snat -m owner --uid-owner %s -j kest_masquerade", uid);
+    runCommand(executor_, kIptables, "-t mangle -I kest_probemon_uid -m owner --uid-owner %s -j kest_probemon_iface",
+               uid);
+    runCommand(executor_, kIptables, "-t nat -I kest_probemon_snat -m owner --uid-owner %s -j kest_masquerade", uid);
+    probemond::MutexLock listLock(uidListLock_);
     uidList.emplace_back(uid);
     return 0;
 }
@@ -128,51 +101,50 @@ int32_t IptablesRuleManager::delUid(const char* uid) {
     // Bad text changes nothing, as in addUid, and never reaches the log verbatim.
     if (refuseBadUid("delUid", uid)) return 0;
     {
-        probemond::MutexLock listLock(mUidListLock);
+        probemond::MutexLock listLock(uidListLock_);
         uidList.clear();
     }
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "Delete uid %s", uid);
-    probemond::MutexLock lock(mMutex);
-    run(IPTABLES "-t mangle -F kest_probemon_uid");
-    run(IPTABLES "-t nat -F kest_probemon_snat");
+    LOGD("Delete uid %s", uid);
+    probemond::MutexLock lock(mutex_);
+    runCommand(executor_, kIptables, "-t mangle -F kest_probemon_uid");
+    runCommand(executor_, kIptables, "-t nat -F kest_probemon_snat");
     return 0;
 }
 
 int32_t IptablesRuleManager::selectIface(const char* iface, bool killSockets) {
-    mMutex.lock();
+    mutex_.lock();
     const bool cellular = iface != nullptr && strncmp(iface, "rmnet_data", 10) == 0;
     const bool wifi = iface != nullptr && strncmp(iface, "wlan", 4) == 0;
     if (iface == nullptr || iface[0] == '\0' || (!cellular && !wifi)) {
-        __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s Invalid interface %s", "selectIface",
-                            iface != nullptr ? iface : "");
+        LOGD("%s Invalid interface %s", "selectIface", iface != nullptr ? iface : "");
         // Deliberately returns with the mutex held: every later chain change waits for ever.
-        mMutex.keepHeldForever();
+        mutex_.keepHeldForever();
         return -1;
     }
     if (cellular) {
-        run(IPTABLES "-t mangle -F kest_probemon_iface_wlan");
-        run(IPTABLES "-t mangle -F kest_probemon_iface_rmnet");
-        runFormatted(IPTABLES "-t mangle -I kest_probemon_iface_rmnet -j kest_probemon_%s", iface);
+        runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_wlan");
+        runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_rmnet");
+        runCommand(executor_, kIptables, "-t mangle -I kest_probemon_iface_rmnet -j kest_probemon_%s", iface);
     } else {
         // Wi-Fi means no manual cellular steering; only the auto branch can still mark.
-        run(IPTABLES "-t mangle -F kest_probemon_iface_rmnet");
-        run(IPTABLES "-t mangle -F kest_probemon_iface_wlan");
+        runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_rmnet");
+        runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_wlan");
     }
     if (killSockets) killListedUidSockets("selectIface");
-    mMutex.unlock();
+    mutex_.unlock();
     return 0;
 }
 
 void IptablesRuleManager::enableAutoSelect(const char* iface) {
-    probemond::MutexLock lock(mMutex);
-    run(IPTABLES "-t mangle -F kest_probemon_iface_auto");
-    runFormatted(IPTABLES "-t mangle -I kest_probemon_iface_auto -j kest_probemon_%s", iface);
+    probemond::MutexLock lock(mutex_);
+    runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_auto");
+    runCommand(executor_, kIptables, "-t mangle -I kest_probemon_iface_auto -j kest_probemon_%s", iface);
     killListedUidSockets("enableAutoSelect");
 }
 
 void IptablesRuleManager::disableAutoSelect() {
-    probemond::MutexLock lock(mMutex);
-    run(IPTABLES "-t mangle -F kest_probemon_iface_auto");
+    probemond::MutexLock lock(mutex_);
+    runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_auto");
 }
 
 void IptablesRuleManager::killUidSocket() { killListedUidSockets("killUidSocket"); }
@@ -181,14 +153,13 @@ void IptablesRuleManager::killListedUidSockets(const char* caller) {
     // Copy first: a socket kill can be slow and must not block addUid's list update.
     std::vector<std::string> uids = uidListSnapshot();
     for (const std::string& uid : uids) {
-        if (mKiller.killUidSockets(uid.c_str()) != 0) {
-            __android_log_print(ANDROID_LOG_ERROR, nullptr, "%s Failed to kill sockets of uid : %s", caller,
-                                uid.c_str());
+        if (killer_.killUidSockets(uid.c_str()) != 0) {
+            LOGE("%s Failed to kill sockets of uid : %s", caller, uid.c_str());
         }
     }
 }
 
 std::vector<std::string> IptablesRuleManager::uidListSnapshot() const {
-    probemond::MutexLock listLock(mUidListLock);
+    probemond::MutexLock listLock(uidListLock_);
     return uidList;
 }

@@ -38,30 +38,28 @@ public:
     IptablesRuleManager(const IptablesRuleManager&) = delete;
     IptablesRuleManager& operator=(const IptablesRuleManager&) = delete;
 
-    void initMangleRules(const char* iface, const char* mark) PM_EXCLUDES(mMutex);
-    void initNatRules(const char* iface) PM_EXCLUDES(mMutex);
-    int32_t addUid(const char* uid) PM_EXCLUDES(mMutex, mUidListLock);
+    void initMangleRules(const char* iface, const char* mark) PM_EXCLUDES(mutex_);
+    void initNatRules(const char* iface) PM_EXCLUDES(mutex_);
+    int32_t addUid(const char* uid) PM_EXCLUDES(mutex_, uidListLock_);
     // Removes every steered UID; the argument is only logged.
-    int32_t delUid(const char* uid) PM_EXCLUDES(mMutex, mUidListLock);
+    int32_t delUid(const char* uid) PM_EXCLUDES(mutex_, uidListLock_);
     // -1 for an empty or unknown name; that path leaves the mutex held.
-    int32_t selectIface(const char* iface, bool killSockets) PM_EXCLUDES(mMutex, mUidListLock);
-    void enableAutoSelect(const char* iface) PM_EXCLUDES(mMutex, mUidListLock);
-    void disableAutoSelect() PM_EXCLUDES(mMutex);
+    int32_t selectIface(const char* iface, bool killSockets) PM_EXCLUDES(mutex_, uidListLock_);
+    void enableAutoSelect(const char* iface) PM_EXCLUDES(mutex_, uidListLock_);
+    void disableAutoSelect() PM_EXCLUDES(mutex_);
     // Runs without the manager's mutex.
-    void killUidSocket() PM_EXCLUDES(mUidListLock);
+    void killUidSocket() PM_EXCLUDES(uidListLock_);
 
     // A copy of uidList; takes only the short list lock, never the mutex that
     // a failed selectIface leaves held.
-    std::vector<std::string> uidListSnapshot() const PM_EXCLUDES(mUidListLock);
+    std::vector<std::string> uidListSnapshot() const PM_EXCLUDES(uidListLock_);
 
 private:
-    void run(const char* command);
-    void runFormatted(const char* fmt, const char* arg) __attribute__((format(printf, 2, 0)));
-    void killListedUidSockets(const char* caller) PM_EXCLUDES(mUidListLock);
+    void killListedUidSockets(const char* caller) PM_EXCLUDES(uidListLock_);
 
-    probemond::CommandExecutor& mExecutor;
-    probemond::SocketKiller& mKiller;
-    probemond::Mutex mMutex;  // serialises command sequences
-    mutable probemond::Mutex mUidListLock;  // short: never held across a command or a socket kill
-    std::vector<std::string> uidList PM_GUARDED_BY(mUidListLock);
+    probemond::CommandExecutor& executor_;
+    probemond::SocketKiller& killer_;
+    probemond::Mutex mutex_;  // serialises command sequences
+    mutable probemond::Mutex uidListLock_;  // short: never held across a command or a socket kill
+    std::vector<std::string> uidList PM_GUARDED_BY(uidListLock_);
 };

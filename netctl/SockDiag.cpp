@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-#include <android/log.h>
+#include "common/Log.h"
 
 namespace android {
 namespace net {
@@ -142,8 +142,7 @@ bool SockDiag::open() {
         const int saved = errno;
         mSock.reset();
         mWriteSock.reset();
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to open NETLINK_SOCK_DIAG socket: %s",
-                            errnoText(saved).c_str());
+        LOGE("Failed to open NETLINK_SOCK_DIAG socket: %s", errnoText(saved).c_str());
         return false;
     }
     return true;
@@ -171,7 +170,7 @@ void SockDiag::sockDestroy(uint8_t proto, const inet_diag_msg* msg) {
     SockDiagRequest request = makeDestroyRequest(proto, *msg);
     ssize_t n = write(mWriteSock.get(), &request, sizeof(request));
     if (n < static_cast<ssize_t>(sizeof(request))) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "FAILED sockDestroy in write");
+        LOGE("FAILED sockDestroy in write");
         return;
     }
     if (checkError(mWriteSock.get()) == 0) ++mSocketsDestroyed;
@@ -208,40 +207,32 @@ int SockDiag::destroySockets(uint8_t proto, uint32_t uid, bool excludeLoopback) 
         iovec iov[1];
         int r = sendDumpRequest(proto, pass.family, 0, kDumpStates, iov, 1);
         if (r != 0) {
-            __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to dump %s sockets for UID: %s", pass.name,
-                                errnoText(-r).c_str());
+            LOGE("Failed to dump %s sockets for UID: %s", pass.name, errnoText(-r).c_str());
             return r;
         }
         r = readDiagMsg(proto, filter);
         if (r != 0) {
-            __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to destroy %s sockets for UID: %s", pass.name,
-                                errnoText(-r).c_str());
+            LOGE("Failed to destroy %s sockets for UID: %s", pass.name, errnoText(-r).c_str());
             return r;
         }
     }
     if (mSocketsDestroyed > 0) {
-        __android_log_print(ANDROID_LOG_INFO, nullptr, "Destroyed %d sockets (proto: %u) for UID %d",
-                            mSocketsDestroyed, static_cast<unsigned>(proto), static_cast<int>(uid));
+        LOGI("Destroyed %d sockets (proto: %u) for UID %d", mSocketsDestroyed, static_cast<unsigned>(proto),
+             static_cast<int>(uid));
     }
     return 0;
 }
-
-}  // namespace net
-}  // namespace android
-
-namespace android {
-namespace net {
 
 int32_t SockDiag::killUid(const char* uid) {
     // Text that is not a number becomes UID 0; callers validate UIDs first.
     int r = destroySockets(IPPROTO_TCP, static_cast<uint32_t>(atoi(uid)), false);
     if (r < 0) {
         // The text of the negative code on purpose: the log has always shown it this way.
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to destroy TCP sockets: %s", errnoText(r).c_str());
+        LOGE("Failed to destroy TCP sockets: %s", errnoText(r).c_str());
     }
     r = destroySockets(IPPROTO_UDP, static_cast<uint32_t>(atoi(uid)), false);
     if (r < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to destroy UDP sockets: %s", errnoText(r).c_str());
+        LOGE("Failed to destroy UDP sockets: %s", errnoText(r).c_str());
     }
     return r;
 }

@@ -1,13 +1,12 @@
 #include "netctl/WrapperCommand.h"
 
 #include <climits>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include <android/log.h>
-
-#include "netctl/CommandFormat.h"
+#include "common/Log.h"
 
 namespace probemond {
 namespace {
@@ -45,15 +44,21 @@ bool PopenCommandExecutor::execute(const char* command, const std::function<void
     return true;
 }
 
+CommandRun runCommand(CommandExecutor& executor, const WrapperTool& tool, const char* argsFormat, ...) {
+    CommandRun run{};
+    va_list args;
+    va_start(args, argsFormat);
+    vformatBounded(run.line, sizeof(run.line), tool.prefix, argsFormat, args);
+    va_end(args);
+    run.started = runWrapperCommand(executor, run.line, tool.failureFormat);
+    return run;
+}
+
 }  // namespace probemond
 
 bool runWrapperCommand(probemond::CommandExecutor& executor, const char* command, const char* failureFormat) {
-    bool started = executor.execute(command, [](const char* piece) {
-        __android_log_print(ANDROID_LOG_DEBUG, nullptr, "PROBEMOND EXECNETD RESP %s", piece);
-    });
-    if (!started) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, failureFormat, command);
-        return false;
-    }
-    return true;
+    const bool started =
+            executor.execute(command, [](const char* piece) { LOGD("PROBEMOND EXECNETD RESP %s", piece); });
+    if (!started) LOGE(failureFormat, command);
+    return started;
 }

@@ -4,9 +4,7 @@
 
 #include <functional>
 
-// Failure messages of the two callers; they differ on purpose.
-inline constexpr const char* kIptablesCommandFailure = "SEND PROBEMOND NDC COMMAND - FAIL %s";
-inline constexpr const char* kIpCommandFailure = "SEND PROBEMOND NDC COMMAND - FAIL %s\n";
+#include "netctl/CommandFormat.h"
 
 namespace probemond {
 
@@ -23,6 +21,29 @@ class PopenCommandExecutor : public CommandExecutor {
 public:
     bool execute(const char* command, const std::function<void(const char* piece)>& onOutput) override;
 };
+
+// One of the two wrapper tools: how each of its command lines begins, and the
+// message logged when one cannot be started.
+struct WrapperTool {
+    const char* prefix;
+    const char* failureFormat;
+};
+
+// -w: wait for the xtables lock instead of failing while another process holds it.
+inline constexpr WrapperTool kIptables{"/system/bin/iptables-wrapper-1.0 -w ", "SEND PROBEMOND NDC COMMAND - FAIL %s"};
+// IPv4 rules only. Its failure message ends in a line end; the two differ on purpose.
+inline constexpr WrapperTool kIp{"/system/bin/ip-wrapper-1.0 -4 ", "SEND PROBEMOND NDC COMMAND - FAIL %s\n"};
+
+// A command line as it was run.
+struct CommandRun {
+    bool started;  // whatever the tool then printed or returned
+    char line[kCommandSize];
+};
+
+// Formats `tool`'s prefix followed by the arguments and runs the line. A line
+// of kCommandSize bytes or more ends the process instead of being cut short.
+CommandRun runCommand(CommandExecutor& executor, const WrapperTool& tool, const char* argsFormat, ...)
+        __attribute__((format(printf, 3, 4)));
 
 }  // namespace probemond
 

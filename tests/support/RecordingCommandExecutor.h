@@ -6,29 +6,40 @@
 #include <string>
 #include <vector>
 
+#include "netctl/IptablesRuleManager.h"
 #include "netctl/WrapperCommand.h"
 
 namespace probemond::test {
 
-// For a private manager: records each line; "could not start" on request.
-class RecordingCommandExecutor : public CommandExecutor {
+// For a private manager: records each line; "could not start" on request. As
+// its socket killer too, it records "kill sockets of UID" in the same log.
+class RecordingCommandExecutor : public CommandExecutor, public SocketKiller {
 public:
     bool execute(const char* command, const std::function<void(const char*)>&) override {
-        std::lock_guard<std::mutex> g(lock_);
-        commands_.push_back(command);
+        record(command);
         return !failAll;
+    }
+    int32_t killUidSockets(const char* uid) override {
+        record(std::string("kill sockets of ") + uid);
+        return uid == failKillOf ? -1 : 0;
     }
     std::vector<std::string> commands() const {
         std::lock_guard<std::mutex> g(lock_);
         return commands_;
     }
-    void clear() {
+    // What was recorded since the last take.
+    std::vector<std::string> take() {
         std::lock_guard<std::mutex> g(lock_);
-        commands_.clear();
+        return std::move(commands_);
     }
     std::atomic<bool> failAll{false};
+    std::string failKillOf;  // not while another thread uses the manager
 
 private:
+    void record(std::string entry) {
+        std::lock_guard<std::mutex> g(lock_);
+        commands_.push_back(std::move(entry));
+    }
     mutable std::mutex lock_;
     std::vector<std::string> commands_;
 };
