@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, nullptr, __VA_ARGS__)
+#define LOGI(...) __android_log_print(ANDROID_LOG_INFO, nullptr, __VA_ARGS__)
 #define LOGW(...) __android_log_print(ANDROID_LOG_WARN, nullptr, __VA_ARGS__)
 #define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, nullptr, __VA_ARGS__)
 #define LOGF(...) __android_log_print(ANDROID_LOG_FATAL, nullptr, __VA_ARGS__)

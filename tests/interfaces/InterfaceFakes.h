@@ -27,23 +27,30 @@ bool waitUntil(Pred done, int ms = 5000) {
     return true;
 }
 
-// Probes answer `rtt` and record the server asked. Workers using it are
-// stepped on the test's own thread.
+// Probes answer `rtt` and record the server asked.
 struct FakeProbes : ifaces::RttProberFactory {
-    int32_t rtt = 30;
-    Strings servers;
+    std::atomic<int32_t> rtt{30};
+
+    Strings servers() {
+        std::lock_guard<std::mutex> g(lock);
+        return asked;
+    }
 
     struct Prober : ifaces::RttProber {
         FakeProbes& p;
         explicit Prober(FakeProbes& probes) : p(probes) {}
         int32_t ping(const char*, const char* server) override {
-            p.servers.push_back(server);
+            std::lock_guard<std::mutex> g(p.lock);
+            p.asked.push_back(server);
             return p.rtt;
         }
     };
     std::unique_ptr<ifaces::RttProber> create(const InterfaceInfo&) override {
         return std::make_unique<Prober>(*this);
     }
+
+    std::mutex lock;
+    Strings asked;
 };
 
 // Records every sleep and never really sleeps. Once stepped, each sleep
@@ -122,22 +129,29 @@ private:
     Strings calls_;
 };
 
-// Runs the auto-select thread on a std::thread that it joins.
-struct JoiningLauncher : ifaces::AutoSelectLauncher {
-    std::thread thread;
+// Runs each thread on a std::thread that join() waits for.
+struct JoiningLauncher : ifaces::ThreadLauncher {
     std::atomic<int> started{0};
 
-    void start(std::function<void()> body) override {
-        if (thread.joinable()) thread.join();  // a stopped engine's thread before the next one
-        thread = std::thread(std::move(body));
+    int start(std::function<void()> body) override {
+        std::lock_guard<std::mutex> g(lock_);
+        threads_.emplace_back(std::move(body));
         ++started;
+        return 0;
     }
     void join() {
-        if (thread.joinable()) thread.join();
+        std::lock_guard<std::mutex> g(lock_);
+        for (std::thread& t : threads_) t.join();
+        threads_.clear();
     }
+
+private:
+    std::mutex lock_;
+    std::vector<std::thread> threads_;
 };
 
-// A manager on the fakes; it stops and joins its engine before it goes.
+// A manager on the fakes, without its ping workers; it stops and joins its
+// engine before it goes.
 struct FakeManager {
     FakeProbes probes;
     FakeSleeper sleeper;
@@ -146,7 +160,7 @@ struct FakeManager {
     InterfaceManager m{probes, sleeper, recorder, recorder, launcher};
 
     ~FakeManager() {
-        m.isAutoSelectEnabled = false;
+        m.disableAutoSelect();
         sleeper.step(false);
         launcher.join();
     }

@@ -1,5 +1,8 @@
-// The auto-select engine: its decisions one step at a time, and its thread
-// moved one 100 ms turn at a time by a sleeper the test releases.
+// The auto-select engine: its decisions one step at a time, and the
+// manager's thread driving it one 100 ms turn at a time by a sleeper the
+// test releases.
+#include "interfaces/AutoSelectEngine.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -14,6 +17,31 @@ using namespace probemond::ifaces;
 using namespace probemond::test;
 
 namespace {
+
+// An engine over five records of its own, as the manager would build them.
+struct EngineRig {
+    std::vector<std::unique_ptr<InterfaceInfo>> records;
+    InterfaceMap map;
+    Selection selection;
+    std::atomic<bool> rttDebug{false};
+    Recorder recorder;
+    AutoSelectEngine engine{map, selection, rttDebug, recorder, recorder};
+
+    EngineRig() {
+        for (const char* name : {"wlan0", "wlan1", "rmnet_data0", "rmnet_data1", "rmnet_data2"}) {
+            records.push_back(std::make_unique<InterfaceInfo>());
+            records.back()->name = name;
+            records.back()->isWifi = !isDataInterface(name);
+            map[name] = records.back().get();
+        }
+    }
+    InterfaceInfo& info(const std::string& name) { return *map.at(name); }
+    void history(const std::string& name, size_t n, int32_t mrtt) {
+        info(name).clearRttHistory();
+        for (size_t i = 0; i < n; ++i) info(name).addRtt(mrtt);
+        info(name).mrtt = mrtt;
+    }
+};
 
 struct DecisionRow {
     const char* what;
@@ -54,28 +82,30 @@ TEST(AutoSelectDecision, RuleTable) {
         {"no candidate at all", "rmnet_data0", 300, 5, {{"rmnet_data0", 300}}, {}, nullptr, true},
         {"no selection yet", "", 0, 0, {{"wlan0", 10}}, {"wlan0"}, nullptr, false},
     };
+    // One engine through every row: a row that raises the force-ping hint
+    // is followed by rows that must clear it.
+    TempPropertyFile props;
+    props.set(kRttDebugProperty, "1");
+    EngineRig fake;
+    fake.engine.mutex().lock();
     for (const DecisionRow& row : rows) {
         SCOPED_TRACE(row.what);
-        TempPropertyFile props;
-        props.set(kRttDebugProperty, "1");
-        FakeManager fake;
-        if (*row.current) fake.m.selectInterface(row.current);
+        fake.selection.setUser(row.current);
         std::vector<InterfaceInfo*> list;
         for (const char* name : row.list) list.push_back(&fake.info(name));
-        fake.m.beginAutoSelect(list);
+        fake.engine.begin(list);
         for (const auto& [name, mrtt] : row.medians) fake.history(name, 5, mrtt);
         if (*row.current) {
             fake.history(row.current, row.currentHistory, fake.info(row.current).mrtt);
             fake.info(row.current).rtt = row.currentRtt;
         }
-        fake.m.isAutoSelectForcePing = true;  // every decision starts by clearing it
         fake.recorder.clear();
         LogCapture log;
 
-        EXPECT_EQ(row.winner != nullptr, fake.m.decideAutoSelect(list));
-        EXPECT_EQ(row.forcePing, fake.m.isAutoSelectForcePing.load());
+        EXPECT_EQ(row.winner != nullptr, fake.engine.decide(list));
+        EXPECT_EQ(row.forcePing, fake.engine.isForcePing());
         const std::string now = row.winner ? row.winner : row.current;
-        EXPECT_EQ(now, fake.m.autoSelectIfaceCopy());
+        EXPECT_EQ(now, fake.selection.autoIface());
         Strings lines, calls;
         if (row.winner) {
             lines = {now + " (" + std::to_string(fake.info(now).mrtt) + "ms) is better than " +
@@ -91,12 +121,13 @@ TEST(AutoSelectDecision, RuleTable) {
 
         // Stopping away from the user's choice resets the steered sockets.
         fake.recorder.clear();
-        fake.m.endAutoSelect();
+        fake.engine.end();
         EXPECT_EQ(row.winner ? Strings{"killUidSocket"} : Strings{}, fake.recorder.calls());
-        EXPECT_EQ("", fake.m.autoSelectIfaceCopy());
-        EXPECT_FALSE(fake.m.isAutoSelectForcePing);
-        EXPECT_FALSE(fake.m.rttDebug);
+        EXPECT_EQ("", fake.selection.autoIface());
+        EXPECT_FALSE(fake.engine.isForcePing());
+        EXPECT_FALSE(fake.rttDebug);
     }
+    fake.engine.mutex().unlock();
 }
 
 // "Auto select thread 1234 is started" -> "Auto select thread N is started".
@@ -119,7 +150,7 @@ TEST(AutoSelectThread, SwitchesAndStopsInOrderWhileSelectionWaits) {
     LogCapture log;
     fake.m.enableAutoSelect(",bogus,wlan0,,wlan1,wlan1,wlan0");
     ASSERT_TRUE(fake.sleeper.waitForSleep(1));  // no history yet: no decision
-    for (auto& [name, info] : fake.m.ifaceMap) {
+    for (auto& [name, info] : fake.m.interfaces()) {
         EXPECT_EQ(name == "wlan0" || name == "wlan1", info->isControlByAutoSelect.load()) << name;
     }
     fake.history("rmnet_data0", 5, 70);
