@@ -18,29 +18,11 @@ using namespace probemond::test;
 
 namespace {
 
-// An engine over five records of its own, as the manager would build them.
-struct EngineRig {
-    std::vector<std::unique_ptr<InterfaceInfo>> records;
-    InterfaceMap map;
+// An engine of its own over a manager's records.
+struct EngineRig : FakeManager {
     Selection selection;
     std::atomic<bool> rttDebug{false};
-    Recorder recorder;
-    AutoSelectEngine engine{map, selection, rttDebug, recorder, recorder};
-
-    EngineRig() {
-        for (const char* name : {"wlan0", "wlan1", "rmnet_data0", "rmnet_data1", "rmnet_data2"}) {
-            records.push_back(std::make_unique<InterfaceInfo>());
-            records.back()->name = name;
-            records.back()->isWifi = !isDataInterface(name);
-            map[name] = records.back().get();
-        }
-    }
-    InterfaceInfo& info(const std::string& name) { return *map.at(name); }
-    void history(const std::string& name, size_t n, int32_t mrtt) {
-        info(name).clearRttHistory();
-        for (size_t i = 0; i < n; ++i) info(name).addRtt(mrtt);
-        info(name).mrtt = mrtt;
-    }
+    AutoSelectEngine engine{m.interfaces(), selection, rttDebug, recorder, recorder};
 };
 
 struct DecisionRow {

@@ -119,17 +119,18 @@ TEST_F(WorkerCycle, CandidatesChargeTheProbeAgainstTheirPeriod) {
     EXPECT_EQ(3u, fake.probes.servers().size());
 }
 
+// Suspension across all workers is proven on the manager's ten.
 TEST_F(WorkerCycle, IdleAndSuspendedWorkersDoNothingButSleep) {
     PingWorker w = worker("wlan0");
     cycles(w, {40});  // never started
     fake.m.startPingThread("wlan0");
-    fake.m.suspendAllPingThreads();
+    fake.info("wlan0").isPingThreadSuspended = true;
     LogCapture log;
     cycles(w, {40});
     EXPECT_TRUE(fake.probes.servers().empty());
     EXPECT_TRUE(log.lines().empty()) << log.dump();
     EXPECT_EQ(std::vector<uint32_t>(2, 1000000), fake.sleeper.requests());
-    fake.m.resumeAllPingThreads();
+    fake.info("wlan0").isPingThreadSuspended = false;
     fake.info("wlan0").isPingThreadAlive = false;
     EXPECT_FALSE(w.runCycle());
     EXPECT_EQ(1u, fake.probes.servers().size());

@@ -54,20 +54,22 @@ struct FakeProbes : ifaces::RttProberFactory {
 };
 
 // Records every sleep and never really sleeps. Once stepped, each sleep
-// waits until the test releases it: the thread's loop moves one turn at a time.
+// waits for the test's next release(): every sleeping thread's loop then
+// moves exactly one turn.
 class FakeSleeper : public ifaces::Sleeper {
 public:
     void sleepUs(uint32_t us) override {
         std::unique_lock<std::mutex> l(lock_);
         requests_.push_back(us);
+        const size_t turn = released_;
         changed_.notify_all();
-        changed_.wait(l, [&] { return !stepped_ || released_ >= requests_.size(); });
+        changed_.wait(l, [&] { return !stepped_ || released_ != turn; });
     }
     std::vector<uint32_t> requests() {
         std::lock_guard<std::mutex> g(lock_);
         return requests_;
     }
-    // Waits until the sleeping thread is in its n-th sleep.
+    // Waits until the sleeping threads are in their n-th sleep, together.
     bool waitForSleep(size_t n) {
         std::unique_lock<std::mutex> l(lock_);
         return changed_.wait_for(l, std::chrono::seconds(5), [&] { return requests_.size() >= n; });
@@ -150,8 +152,8 @@ private:
     std::vector<std::thread> threads_;
 };
 
-// A manager on the fakes, without its ping workers; it stops and joins its
-// engine before it goes.
+// A manager on the fakes; it stops and joins its engine and any workers
+// before it goes.
 struct FakeManager {
     FakeProbes probes;
     FakeSleeper sleeper;
@@ -161,6 +163,7 @@ struct FakeManager {
 
     ~FakeManager() {
         m.disableAutoSelect();
+        for (const auto& entry : m.interfaces()) entry.second->isPingThreadAlive = false;
         sleeper.step(false);
         launcher.join();
     }
