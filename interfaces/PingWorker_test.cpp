@@ -85,21 +85,6 @@ TEST_F(WorkerCycle, SixSlowProbesMoveEveryRecordToTheNextServer) {
     EXPECT_STREQ("8.8.4.4", fake.info("wlan0").pingServer.load());
 }
 
-TEST_F(WorkerCycle, CountryChangeSwitchesTablesAndEachKeepsItsPlace) {
-    fake.m.startPingThread("wlan0");
-    PingWorker w = worker("wlan0");
-    auto switches = [&](const char* country, int n) {
-        props.set(kCountryProperty, country);
-        for (int i = 0; i < 6 * n; ++i) cycles(w, {300});
-        return std::string(fake.info("wlan1").pingServer.load());
-    };
-    EXPECT_EQ("1.1.1.1", switches("TW", 1));
-    EXPECT_EQ("223.5.5.5", switches("xxCNxx", 1));
-    EXPECT_EQ("8.8.4.4", switches("cn", 1));  // lower case is not China
-    EXPECT_EQ("180.76.76.76", switches("CN", 5));  // wrapped at six
-    EXPECT_EQ("1.1.1.1", switches("TW", 3));  // wrapped at four
-}
-
 TEST_F(WorkerCycle, CandidatesChargeTheProbeAgainstTheirPeriod) {
     fake.info("wlan0").isControlByAutoSelect = true;
     fake.info("rmnet_data0").isControlByAutoSelect = true;
