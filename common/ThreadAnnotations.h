@@ -21,6 +21,7 @@
 #define PM_ACQUIRE(...) PM_TSA(acquire_capability(__VA_ARGS__))
 #define PM_RELEASE(...) PM_TSA(release_capability(__VA_ARGS__))
 #define PM_TRY_ACQUIRE(...) PM_TSA(try_acquire_capability(__VA_ARGS__))
+#define PM_RETURN_CAPABILITY(x) PM_TSA(lock_returned(x))
 #define PM_NO_THREAD_SAFETY_ANALYSIS PM_TSA(no_thread_safety_analysis)
 
 namespace probemond {

@@ -1,6 +1,6 @@
 #include "daemon/IKestNetworkProbeMon.h"
 
-#include <log/log.h>
+#include "common/Log.h"
 
 namespace android {
 
@@ -40,8 +40,7 @@ IBinder* BnKestNetworkProbeMon::onAsBinder() { return this; }
 
 status_t BnKestNetworkProbeMon::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                                            uint32_t flags) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "BnKestNetworkProbeMon::onTransact %u %u", code,
-                        flags);
+    LOGD("BnKestNetworkProbeMon::onTransact %u %u", code, flags);
     // Not tested on purpose: a foreign token is served all the same; this only skips it.
     data.checkInterface(this);
     if (code - 1 > 12) {

@@ -3,7 +3,8 @@
 #include <unistd.h>
 
 #include <binder/IServiceManager.h>
-#include <log/log.h>
+
+#include "common/Log.h"
 
 namespace android {
 namespace {
@@ -51,15 +52,13 @@ int32_t BpKestNetworkProbeMonCallback::onAutoSelect(std::string iface) {
     data.writeCString(iface.c_str());
     const status_t status = remote()->transact(ON_AUTO_SELECT, data, &reply, 0);
     if (status != OK) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "%s : Couldn't contact remote: %d",
-                            "onAutoSelect", status);
+        LOGE("%s : Couldn't contact remote: %d", "onAutoSelect", status);
     }
     reply.setDataPosition(0);
     int32_t result = 0;
     const status_t readStatus = reply.readInt32(&result);
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr,
-                        "BpKestNetworkProbeMonCallback::onAutoSelect(%s) = %d (status: %d)",
-                        iface.c_str(), result, readStatus);
+    LOGD("BpKestNetworkProbeMonCallback::onAutoSelect(%s) = %d (status: %d)", iface.c_str(),
+         result, readStatus);
     return result;
 }
 

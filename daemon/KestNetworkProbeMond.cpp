@@ -11,20 +11,13 @@
 
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
-#include <log/log.h>
-
+#include "common/Log.h"
 #include "daemon/KestNetworkProbeMondDump.h"
 #include "interfaces/InterfaceManager.h"
 #include "netctl/IptablesRuleManager.h"
 
 namespace android {
 namespace {
-
-// Never destroyed: the registered service lives as long as the process.
-sp<KestNetworkProbeMond>& storedService() {
-    static sp<KestNetworkProbeMond>* service = new sp<KestNetworkProbeMond>();
-    return *service;
-}
 
 // A dump reader that goes away must not kill the daemon with SIGPIPE: the
 // signal is blocked on this thread while writing and a pending one is eaten.
@@ -79,12 +72,15 @@ status_t writeAll(int fd, const std::string& text) {
 
 }  // namespace
 
+KestNetworkProbeMond::KestNetworkProbeMond(InterfaceManager& interfaces,
+                                           IptablesRuleManager& iptables)
+    : interfaces_(interfaces), iptables_(iptables) {}
+
 void KestNetworkProbeMond::useBinderIPC() {
     ProcessState::initWithDriver(kDriver);
     sp<IServiceManager> sm = defaultServiceManager();
     String16 name(kServiceName);
-    sp<KestNetworkProbeMond>& service = storedService();
-    if (service == nullptr) service = new KestNetworkProbeMond();
+    sp<KestNetworkProbeMond> service = this;
     // Not reachable from isolated processes; no retry: a daemon that failed
     // to register keeps running unreachable.
     sm->addService(name, service, false, IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT);
@@ -93,76 +89,76 @@ void KestNetworkProbeMond::useBinderIPC() {
 }
 
 int32_t KestNetworkProbeMond::startPingInternal(std::string iface) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "startPingInternal", iface.c_str());
-    return InterfaceManager::instance()->startPingThread(iface.c_str());
+    LOGD("%s, iface=%s", "startPingInternal", iface.c_str());
+    return interfaces_.startPingThread(iface.c_str());
 }
 
 int32_t KestNetworkProbeMond::stopPingInternal(std::string iface) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "stopPingInternal", iface.c_str());
-    return InterfaceManager::instance()->stopPingThread(iface.c_str());
+    LOGD("%s, iface=%s", "stopPingInternal", iface.c_str());
+    return interfaces_.stopPingThread(iface.c_str());
 }
 
 int32_t KestNetworkProbeMond::stopAllPingInternal() {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "stopAllPingInternal");
-    return InterfaceManager::instance()->stopAllPingThreads();
+    LOGD("%s", "stopAllPingInternal");
+    return interfaces_.stopAllPingThreads();
 }
 
 int32_t KestNetworkProbeMond::suspendAllPingInternal() {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "suspendAllPingInternal");
-    return InterfaceManager::instance()->suspendAllPingThreads();
+    LOGD("%s", "suspendAllPingInternal");
+    return interfaces_.suspendAllPingThreads();
 }
 
 int32_t KestNetworkProbeMond::resumeAllPingInternal() {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "resumeAllPingInternal");
-    return InterfaceManager::instance()->resumeAllPingThreads();
+    LOGD("%s", "resumeAllPingInternal");
+    return interfaces_.resumeAllPingThreads();
 }
 
 int32_t KestNetworkProbeMond::getRttInternal(std::string iface) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "getRttInternal", iface.c_str());
-    return InterfaceManager::instance()->getInterfaceRtt(iface.c_str());
+    LOGD("%s, iface=%s", "getRttInternal", iface.c_str());
+    return interfaces_.getInterfaceRtt(iface.c_str());
 }
 
 int32_t KestNetworkProbeMond::addUidInternal(std::string uid) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, uid=%s", "addUidInternal", uid.c_str());
-    return IptablesRuleManager::instance()->addUid(uid.c_str());
+    LOGD("%s, uid=%s", "addUidInternal", uid.c_str());
+    return iptables_.addUid(uid.c_str());
 }
 
 int32_t KestNetworkProbeMond::delUidInternal(std::string uid) {
     // The uid stays out of this line; the iptables manager logs it.
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "delUidInternal");
-    return IptablesRuleManager::instance()->delUid(uid.c_str());
+    LOGD("%s", "delUidInternal");
+    return iptables_.delUid(uid.c_str());
 }
 
 int32_t KestNetworkProbeMond::addIpRuleInternal(std::string iface) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "addIpRuleInternal", iface.c_str());
-    return InterfaceManager::instance()->addInterfaceIpRule(iface.c_str());
+    LOGD("%s, iface=%s", "addIpRuleInternal", iface.c_str());
+    return interfaces_.addInterfaceIpRule(iface.c_str());
 }
 
 int32_t KestNetworkProbeMond::delIpRuleInternal(std::string iface) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "delIpRuleInternal", iface.c_str());
-    return InterfaceManager::instance()->delInterfaceIpRule(iface.c_str());
+    LOGD("%s, iface=%s", "delIpRuleInternal", iface.c_str());
+    return interfaces_.delInterfaceIpRule(iface.c_str());
 }
 
 int32_t KestNetworkProbeMond::selectInterfaceInternal(std::string iface) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, iface=%s", "selectInterfaceInternal", iface.c_str());
-    return InterfaceManager::instance()->selectInterface(iface.c_str());
+    LOGD("%s, iface=%s", "selectInterfaceInternal", iface.c_str());
+    return interfaces_.selectInterface(iface.c_str());
 }
 
 int32_t KestNetworkProbeMond::enableAutoSelectInternal(std::string ifaces) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s, ifaces=%s", "enableAutoSelectInternal", ifaces.c_str());
-    InterfaceManager::instance()->enableAutoSelect(ifaces.c_str());
+    LOGD("%s, ifaces=%s", "enableAutoSelectInternal", ifaces.c_str());
+    interfaces_.enableAutoSelect(ifaces.c_str());
     return 0;
 }
 
 int32_t KestNetworkProbeMond::disableAutoSelectInternal() {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", "disableAutoSelectInternal");
-    InterfaceManager::instance()->disableAutoSelect();
+    LOGD("%s", "disableAutoSelectInternal");
+    interfaces_.disableAutoSelect();
     return 0;
 }
 
 status_t KestNetworkProbeMond::dump(int fd, const Vector<String16>& /*args*/) {
     ScopedSigpipeBlock noSigpipe;
-    return writeAll(fd, probemond::formatState());
+    return writeAll(fd, probemond::formatState(interfaces_.snapshot(), iptables_.uidListSnapshot()));
 }
 
 }  // namespace android

@@ -11,13 +11,19 @@
 
 #include "daemon/IKestNetworkProbeMon.h"
 
+class InterfaceManager;
+class IptablesRuleManager;
+
 namespace android {
 
 class KestNetworkProbeMond : public BnKestNetworkProbeMon {
 public:
-    // Registers "probemond_Binder" on /dev/vndbinder and starts the binder
-    // thread pool. Later calls register the same object again.
-    static void useBinderIPC();
+    // Both managers must outlive the service.
+    KestNetworkProbeMond(InterfaceManager& interfaces, IptablesRuleManager& iptables);
+
+    // Registers this object as "probemond_Binder" on /dev/vndbinder and starts
+    // the binder thread pool. Later calls register the same object again.
+    void useBinderIPC();
 
     int32_t startPingInternal(std::string iface) override;
     int32_t stopPingInternal(std::string iface) override;
@@ -37,6 +43,10 @@ public:
     // for the selection or firewall mutexes, so it answers even while a
     // failure path has left one of them held.
     status_t dump(int fd, const Vector<String16>& args) override;
+
+private:
+    InterfaceManager& interfaces_;
+    IptablesRuleManager& iptables_;
 };
 
 }  // namespace android

@@ -5,7 +5,6 @@
 
 #include <sstream>
 
-#include "netctl/IptablesRuleManager.h"
 
 namespace probemond {
 namespace {
@@ -64,10 +63,6 @@ std::string formatState(const InterfaceManagerSnapshot& state, const std::vector
     formatSwitches(out, "autoSelect switches", state.autoSwitches);
     formatSwitches(out, "manual selections", state.manualSelections);
     return out.str();
-}
-
-std::string formatState() {
-    return formatState(InterfaceManager::instance()->snapshot(), IptablesRuleManager::instance()->uidListSnapshot());
 }
 
 }  // namespace probemond

@@ -12,8 +12,4 @@ namespace probemond {
 // state and the steered UIDs.
 std::string formatState(const InterfaceManagerSnapshot& state, const std::vector<std::string>& uids);
 
-// The running daemon's state, from snapshots that never wait for ifaceMutex
-// or the iptables manager's mutex.
-std::string formatState();
-
 }  // namespace probemond

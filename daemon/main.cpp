@@ -2,16 +2,8 @@
 // that order, before the binder service can be reached, then idles for ever.
 #include <unistd.h>
 
-#include <log/log.h>
-
-#include "daemon/KestNetworkProbeMond.h"
-#include "interfaces/InterfaceManager.h"
-#include "netctl/IpRuleManager.h"
-#include "netctl/IptablesRuleManager.h"
-
-#ifdef PROBEMOND_HOST
-#include <android/log.h>
-#endif
+#include "common/Log.h"
+#include "daemon/ProcessRoot.h"
 
 namespace {
 
@@ -28,17 +20,15 @@ void showDebugLinesOnHost() {
 
 int main() {
     showDebugLinesOnHost();
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "probemond is starting...");
+    LOGD("probemond is starting...");
 
-    IptablesRuleManager::instance();
-    IpRuleManager::instance();
-    InterfaceManager::instance();
+    android::sp<android::KestNetworkProbeMond> service = probemond::buildProcess();
 
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s called", "gotIt");
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s called", "gotIt");
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s called", "gotIt");
+    LOGD("%s called", "gotIt");
+    LOGD("%s called", "gotIt");
+    LOGD("%s called", "gotIt");
 
-    android::KestNetworkProbeMond::useBinderIPC();
+    service->useBinderIPC();
 
     for (;;) {
         usleep(1000000);

@@ -5,93 +5,25 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "common/Log.h"
 #include "interfaces/PingWorker.h"
 
-using probemond::MutexLock;
-using probemond::readDebugFlag;
-using probemond::threadId;
-
-namespace probemond::ifaces {
-
-const char* const interfaceNames[] = {"wlan0",       "wlan1",       "rmnet_data0", "rmnet_data1",
-                                      "rmnet_data2", "rmnet_data3", "rmnet_data4", "rmnet_data5",
-                                      "rmnet_data6", "rmnet_data7", nullptr};
-const char* const interfaceFwmarks[] = {"0xa0", "0xa1", "0xd0", "0xd1", "0xd2", "0xd3",
-                                        "0xd4", "0xd5", "0xd6", "0xd7", nullptr};
-const char* const interfacePrios[] = {"29500", "29600", "29700", "29800", "29900", "30000",
-                                      "30100", "30200", "30300", "30400", nullptr};
-const char* const cnPingServers[] = {"180.76.76.76",    "223.5.5.5", "114.114.114.114",
-                                     "208.67.222.222",  "114.114.115.115", "223.6.6.6",
-                                     nullptr};
-const char* const globalPingServers[] = {"8.8.8.8", "1.1.1.1", "8.8.4.4", "1.0.0.1", nullptr};
-
-}  // namespace probemond::ifaces
-
 using namespace probemond::ifaces;
-
-namespace {
-
-std::atomic<InterfaceManager*> sInstance{nullptr};
-
-constexpr const char* kDataPrefix = "rmnet_data";
-constexpr size_t kHistoryMinimum = 5;
-constexpr int32_t kWifiLeaveMrtt = 101;
-constexpr int32_t kBetterThanMrtt = 100;
-constexpr int32_t kDataForcePingRtt = 200;
-constexpr int32_t kWifiForcePingRtt = 101;
-constexpr uint32_t kDecisionPeriodUs = 100000;
-
-bool startsWithData(const std::string& name) { return name.rfind(kDataPrefix, 0) == 0; }
-
-using UniqueFd = android::base::unique_fd;
-
-}  // namespace
-
-// ---- InterfaceInfo history ----
-
-std::vector<int32_t> InterfaceInfo::addRtt(int32_t value, bool failed) {
-    MutexLock g(historyLock_);
-    if (rttHistory.size() >= kMaxRttHistory) rttHistory.pop_front();
-    rttHistory.push_back(value);
-    historyFailures_.push(failed, kMaxRttHistory);
-    return std::vector<int32_t>(rttHistory.begin(), rttHistory.end());
-}
-
-void InterfaceInfo::clearRttHistory() {
-    MutexLock g(historyLock_);
-    rttHistory.clear();
-    historyFailures_.clear();
-}
-
-size_t InterfaceInfo::rttHistorySize() const {
-    MutexLock g(historyLock_);
-    return rttHistory.size();
-}
-
-std::vector<int32_t> InterfaceInfo::rttHistorySnapshot() const {
-    MutexLock g(historyLock_);
-    return std::vector<int32_t>(rttHistory.begin(), rttHistory.end());
-}
-
-int InterfaceInfo::historyFailurePercent() const {
-    MutexLock g(historyLock_);
-    return historyFailures_.percent();
-}
 
 // ---- start-up ----
 
 InterfaceManager::InterfaceManager(RttProberFactory& probers, Sleeper& sleeper,
                                    AutoSelectNotifier& notifier, SteeringControl& steering,
-                                   AutoSelectLauncher& launcher)
+                                   ThreadLauncher& launcher)
     : probers_(probers),
       sleeper_(sleeper),
-      notifier_(notifier),
       steering_(steering),
-      launcher_(launcher) {
+      launcher_(launcher),
+      engine_(ifaceMap, selection_, rttDebug, notifier, steering) {
     LOGD("%s called", "InterfaceManager");
     initInterfaceInfoAndMap();
     initIptablesMangleNatRules();
@@ -99,21 +31,9 @@ InterfaceManager::InterfaceManager(RttProberFactory& probers, Sleeper& sleeper,
 
 InterfaceManager::~InterfaceManager() = default;
 
-InterfaceManager* InterfaceManager::instance() {
-    InterfaceManager* existing = sInstance.load(std::memory_order_acquire);
-    if (existing != nullptr) return existing;
-    auto* manager = new InterfaceManager(defaultProberFactory(), defaultSleeper(),
-                                         defaultNotifier(), defaultSteering(), defaultLauncher());
-    // Published before any worker exists, so a worker asking for the
-    // instance gets this one.
-    sInstance.store(manager, std::memory_order_release);
-    manager->initAllPingThread();
-    return manager;
-}
-
 void InterfaceManager::initInterfaceInfoAndMap() {
     LOGD("%s called", "initInterfaceInfoAndMap");
-    const char* startServer = countryIsCn() ? cnPingServers[0] : globalPingServers[0];
+    const char* startServer = PingServers::startServer();
     for (size_t row = 0; row < kInterfaceCount; ++row) {
         auto info = std::make_unique<InterfaceInfo>();
         info->name = interfaceNames[row];
@@ -121,7 +41,7 @@ void InterfaceManager::initInterfaceInfoAndMap() {
         info->prio = interfacePrios[row];
         info->pingServer = startServer;
         info->pingInterval = 1;
-        const bool data = info->name.find(kDataPrefix) != std::string::npos;
+        const bool data = isDataInterface(info->name);
         info->rtt = data ? 50 : 30;
         info->mrtt = data ? 50 : 30;
         info->isWifi = !data;
@@ -143,58 +63,39 @@ void InterfaceManager::initIptablesMangleNatRules() {
 }
 
 void InterfaceManager::initAllPingThread() {
+    PingContext& context = *this;
     for (auto& entry : ifaceMap) {
         InterfaceInfo* info = entry.second;
         LOGD("%s Init ping thread on %s", "initAllPingThread", info->name.c_str());
         info->isPingThreadAlive = true;
         info->isPingThreadRunning = false;
-        workers_.push_back(
-                std::make_unique<PingWorker>(*this, *info, probers_.create(*info), sleeper_));
-        // A worker that cannot be created is not noticed; its interface never probes.
-        pthread_create(&info->pingThread, nullptr, runPing, workers_.back().get());
+        workers_.push_back(std::make_unique<PingWorker>(context, servers_, *info,
+                                                        probers_.create(*info), sleeper_));
+        PingWorker* worker = workers_.back().get();
+        // A worker that cannot start is not noticed; its interface never probes.
+        launcher_.start([worker] { worker->run(); });
     }
 }
 
 // ---- registry ----
 
 InterfaceInfo* InterfaceManager::getIfaceInfo(std::string name) {
-    for (auto& entry : ifaceMap) {
-        if (entry.second->name == name) return entry.second;
-    }
-    return nullptr;
+    return findInterface(ifaceMap, name);
 }
 
-bool InterfaceManager::isUserSelectData() { return startsWithData(userSelectIfaceCopy()); }
+bool InterfaceManager::isUserSelectData() { return isDataInterface(selection_.user()); }
 
-bool InterfaceManager::isAutoSelectData() { return startsWithData(autoSelectIfaceCopy()); }
-
-std::string InterfaceManager::userSelectIfaceCopy() const {
-    MutexLock g(selectionLock_);
-    return userSelectIface;
-}
-
-std::string InterfaceManager::autoSelectIfaceCopy() const {
-    MutexLock g(selectionLock_);
-    return autoSelectIface;
-}
-
-void InterfaceManager::setAutoSelectIface(const std::string& name) {
-    MutexLock g(selectionLock_);
-    autoSelectIface = name;
-}
+bool InterfaceManager::isAutoSelectData() { return isDataInterface(selection_.autoIface()); }
 
 InterfaceManagerSnapshot InterfaceManager::snapshot() const {
     InterfaceManagerSnapshot s;
-    {
-        MutexLock g(selectionLock_);
-        s.userSelectIface = userSelectIface;
-        s.autoSelectIface = autoSelectIface;
-    }
-    s.isAutoSelectEnabled = isAutoSelectEnabled;
-    s.isAutoSelectForcePing = isAutoSelectForcePing;
+    s.userSelectIface = selection_.user();
+    s.autoSelectIface = selection_.autoIface();
+    s.isAutoSelectEnabled = engine_.isEnabled();
+    s.isAutoSelectForcePing = engine_.isForcePing();
     s.rttDebug = rttDebug;
-    s.autoSwitches = autoSwitchLog.snapshot();
-    s.manualSelections = manualSelectLog.snapshot();
+    s.autoSwitches = engine_.switches();
+    s.manualSelections = manualSelectLog_.snapshot();
     const int64_t now = monotonicMs();
     for (const auto& entry : ifaceMap) {
         const InterfaceInfo* info = entry.second;
@@ -286,7 +187,7 @@ int32_t InterfaceManager::getInterfaceRtt(const char* iface) {
     struct ifreq request;
     memset(&request, 0, sizeof(request));
     {
-        UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        android::base::unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         // The name field holds 15 characters and the terminator; anything
         // longer is a caller bug, and ends the process like a bounded copy.
         const size_t length = strlen(iface);
@@ -306,7 +207,7 @@ int32_t InterfaceManager::getInterfaceRtt(const char* iface) {
     return info->rtt;
 }
 
-// ---- manual selection ----
+// ---- policy rules and manual selection ----
 
 int32_t InterfaceManager::addInterfaceIpRule(const char* iface) {
     if (iface == nullptr) return -1;
@@ -334,167 +235,55 @@ int32_t InterfaceManager::delInterfaceIpRule(const char* iface) {
 
 int32_t InterfaceManager::selectInterface(const char* iface) {
     if (iface == nullptr) return -1;
-    ifaceMutex.lock();
+    engine_.mutex().lock();
     InterfaceInfo* curr = getIfaceInfo(iface);
-    InterfaceInfo* prev = getIfaceInfo(userSelectIfaceCopy());
+    InterfaceInfo* prev = getIfaceInfo(selection_.user());
     if (curr == nullptr) {
         LOGD("%s Invalid interface %s", "selectInterface", iface);
         // Deliberately left locked: every later selection and auto-select
         // waits for ever.
-        ifaceMutex.keepHeldForever();
+        engine_.mutex().keepHeldForever();
         return -1;
     }
     if (prev != nullptr) {
         if (prev->name == curr->name) {
-            ifaceMutex.unlock();
+            engine_.mutex().unlock();
             return -1;
         }
         LOGD("%s prev=%s, curr=%s, kill=%d", "selectInterface", prev->name.c_str(),
              curr->name.c_str(), 1);
     }
-    {
-        MutexLock g(selectionLock_);
-        userSelectIface = curr->name;
-    }
-    manualSelectLog.record(prev ? prev->name : "", prev ? prev->mrtt.load() : 0, curr->name,
-                           curr->mrtt);
+    selection_.setUser(curr->name);
+    manualSelectLog_.record(prev ? prev->name : "", prev ? prev->mrtt.load() : 0, curr->name,
+                            curr->mrtt);
     // The first selection moves no open sockets; later ones reset them.
     steering_.selectIface(curr->name.c_str(), prev != nullptr);
-    ifaceMutex.unlock();
+    engine_.mutex().unlock();
     return 0;
 }
 
 // ---- auto-select ----
 
 void InterfaceManager::enableAutoSelect(const char* ifaces) {
-    disableAutoSelect();
-    std::vector<InterfaceInfo*> candidates;
-    ifaceMutex.lock();
-    // The list is comma-terminated: text after the last comma is dropped.
-    std::string rest = ifaces ? ifaces : "";
-    std::vector<std::string> tokens;
-    for (size_t comma = rest.find(','); comma != std::string::npos; comma = rest.find(',')) {
-        tokens.push_back(rest.substr(0, comma));
-        rest.erase(0, comma + 1);
+    Candidates candidates = engine_.enable(ifaces);
+    const int rc = launcher_.start([this, list = std::move(candidates)] { runAutoSelect(list); });
+    if (rc != 0) {
+        // Like a std::thread that cannot start in a build without exceptions.
+        LOGF("thread constructor failed");
+        fprintf(stderr, "thread constructor failed: %s\n", strerror(rc));
+        abort();
     }
-    autoSelectIfaces.clear();
-    for (const std::string& token : tokens) {
-        InterfaceInfo* info = getIfaceInfo(token);
-        if (info == nullptr) continue;
-        LOGD("%s Auto select tries to start ping thread on %s", "enableAutoSelect",
-             token.c_str());
-        info->isControlByAutoSelect = true;
-        autoSelectIfaces.insert(autoSelectIfaces.begin(), info);
-    }
-    candidates = autoSelectIfaces;
-    ifaceMutex.unlock();
-    isAutoSelectEnabled = true;
-    launcher_.start([this, list = std::move(candidates)] { runAutoSelect(list); });
 }
 
-void InterfaceManager::disableAutoSelect() {
-    for (auto& entry : ifaceMap) entry.second->isControlByAutoSelect = false;
-    isAutoSelectEnabled = false;
-    steering_.disableAutoSelect();
-    notifier_.notify("");
-}
+void InterfaceManager::disableAutoSelect() { engine_.disable(); }
 
-void InterfaceManager::runAutoSelect(std::vector<InterfaceInfo*> ifaces) {
-    // Held for the thread's whole life: one engine at a time, and manual
-    // selection waits until auto-select is off.
-    ifaceMutex.lock();
-    beginAutoSelect(ifaces);
-    while (isAutoSelectEnabled) {
-        decideAutoSelect(ifaces);
+void InterfaceManager::runAutoSelect(Candidates ifaces) {
+    engine_.mutex().lock();
+    engine_.begin(ifaces);
+    while (engine_.isEnabled()) {
+        engine_.decide(ifaces);
         sleeper_.sleepUs(kDecisionPeriodUs);
     }
-    endAutoSelect();
-    ifaceMutex.unlock();
-}
-
-void InterfaceManager::beginAutoSelect(const std::vector<InterfaceInfo*>& ifaces) {
-    for (InterfaceInfo* info : ifaces) info->clearRttHistory();
-    const std::string user = userSelectIfaceCopy();
-    setAutoSelectIface(user);
-    notifier_.notify(user);
-    LOGD("Auto select thread %ld is started", threadId());
-}
-
-bool InterfaceManager::decideAutoSelect(const std::vector<InterfaceInfo*>& ifaces) {
-    rttDebug = readDebugFlag(kRttDebugProperty);
-    if (!switchInterface(ifaces)) return false;
-    const std::string chosen = autoSelectIfaceCopy();
-    LOGD("Switch to %s", chosen.c_str());
-    steering_.enableAutoSelect(chosen.c_str());
-    // Hysteresis: the next decision waits for fresh results.
-    for (InterfaceInfo* info : ifaces) info->clearRttHistory();
-    return true;
-}
-
-void InterfaceManager::endAutoSelect() {
-    rttDebug = false;
-    isAutoSelectForcePing = false;
-    const std::string autoIface = autoSelectIfaceCopy();
-    const std::string userIface = userSelectIfaceCopy();
-    if (autoIface != userIface) {
-        LOGD("Auto (%s) is NOT equal to User (%s)", autoIface.c_str(), userIface.c_str());
-        // The steered apps reconnect over the user's interface.
-        steering_.killUidSocket();
-    }
-    setAutoSelectIface("");
-    LOGD("Auto select thread %ld is stopped", threadId());
-}
-
-bool InterfaceManager::switchInterface(std::vector<InterfaceInfo*> ifaces) {
-    InterfaceInfo* curr = getIfaceInfo(autoSelectIfaceCopy());
-    isAutoSelectForcePing = false;
-    // Nothing to compare against (no selection yet): stay put.
-    if (curr == nullptr) return false;
-
-    const size_t historySize = curr->rttHistorySize();
-    if (historySize < kHistoryMinimum) {
-        if (rttDebug) {
-            LOGD("Could not make switch decision because the rtt history on %s is %d/%d.",
-                 curr->name.c_str(), static_cast<int>(historySize),
-                 static_cast<int>(kHistoryMinimum));
-        }
-        return false;
-    }
-
-    const int32_t currMrtt = curr->mrtt;
-    InterfaceInfo* best = nullptr;
-    if (!curr->isWifi) {
-        if (curr->rtt >= kDataForcePingRtt) isAutoSelectForcePing = true;
-        best = getCurrBestIfaceInfo(ifaces);
-        // Cellular leaves for any Wi-Fi, never for another cellular link.
-        if (best == nullptr || !best->isWifi) return false;
-    } else {
-        if (curr->rtt >= kWifiForcePingRtt) isAutoSelectForcePing = true;
-        if (currMrtt < kWifiLeaveMrtt) return false;
-        best = getCurrBestIfaceInfo(ifaces);
-        if (best == nullptr) return false;
-        if (best->name == curr->name) return false;
-        if (best->mrtt >= kBetterThanMrtt) return false;
-    }
-
-    LOGD("%s (%dms) is better than %s (%dms)", best->name.c_str(), static_cast<int>(best->mrtt),
-         curr->name.c_str(), currMrtt);
-    setAutoSelectIface(best->name);
-    autoSwitchLog.record(curr->name, currMrtt, best->name, best->mrtt);
-    notifier_.notify(best->name);
-    return true;
-}
-
-InterfaceInfo* InterfaceManager::getCurrBestIfaceInfo(std::vector<InterfaceInfo*> ifaces) {
-    InterfaceInfo* candidate = nullptr;
-    int32_t bestMrtt = INT32_MAX;
-    for (InterfaceInfo* info : ifaces) {
-        const int32_t m = info->mrtt;
-        // Strictly below: on a tie the record met first keeps its place.
-        if (m >= 1 && m < bestMrtt) {
-            candidate = info;
-            bestMrtt = m;
-        }
-    }
-    return getIfaceInfo(candidate ? candidate->name : std::string());
+    engine_.end();
+    engine_.mutex().unlock();
 }

@@ -12,26 +12,87 @@ using namespace probemond::test;
 
 namespace {
 
-// Lookups take exact names only; the records' build order and the chains'
-// are proven on the running daemon.
-TEST(Registry, CountryTableExactLookupAndSelectionKind) {
+// Each interface as the manager hands it to the firewall and policy rules
+// and shows it in its records; rows in map order, which is the chains' order.
+// Lookups take exact names only.
+TEST(Registry, EveryInterfaceRow) {
+    struct Row { const char* name; const char* mark; const char* prio; int32_t startRtt; bool wifi; };
+    const Row rows[] = {
+        {"rmnet_data0", "0xd0", "29700", 50, false}, {"rmnet_data1", "0xd1", "29800", 50, false},
+        {"rmnet_data2", "0xd2", "29900", 50, false}, {"rmnet_data3", "0xd3", "30000", 50, false},
+        {"rmnet_data4", "0xd4", "30100", 50, false}, {"rmnet_data5", "0xd5", "30200", 50, false},
+        {"rmnet_data6", "0xd6", "30300", 50, false}, {"rmnet_data7", "0xd7", "30400", 50, false},
+        {"wlan0", "0xa0", "29500", 30, true},        {"wlan1", "0xa1", "29600", 30, true},
+    };
     TempPropertyFile props;
     props.set(kCountryProperty, "xxCNyy");
     FakeManager fake;
-    EXPECT_STREQ("180.76.76.76", fake.info("wlan0").pingServer.load());
+    Strings chains;
+    for (const Row& row : rows) {
+        chains.push_back(std::string("initMangleRules ") + row.name + " " + row.mark);
+        chains.push_back(std::string("initNatRules ") + row.name);
+    }
+    EXPECT_EQ(chains, fake.recorder.calls());
+    const InterfaceManagerSnapshot state = fake.m.snapshot();
+    ASSERT_EQ(std::size(rows), state.interfaces.size());
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const Row& row = rows[i];
+        SCOPED_TRACE(row.name);
+        fake.recorder.clear();
+        EXPECT_EQ(0, fake.m.addInterfaceIpRule(row.name));
+        EXPECT_EQ((Strings{std::string("delIpRule ") + row.prio,
+                           std::string("addIpRule ") + row.name + " " + row.mark + " " + row.prio}),
+                  fake.recorder.calls());
+        const InterfaceSnapshot& r = state.interfaces[i];
+        EXPECT_EQ(row.startRtt, r.rtt);
+        EXPECT_EQ(row.startRtt, r.mrtt);
+        EXPECT_EQ(row.wifi, r.isWifi);
+        EXPECT_EQ("180.76.76.76", r.pingServer);
+        ASSERT_EQ(0, fake.m.selectInterface(row.name));
+        EXPECT_EQ(!row.wifi, fake.m.isUserSelectData());
+    }
     for (const char* name : {"", "wlan2", "WLAN0", "wlan0 ", "rmnet_data", "rmnet_data8"}) {
         EXPECT_EQ(nullptr, fake.m.getIfaceInfo(name)) << "'" << name << "'";
     }
-    EXPECT_FALSE(fake.m.isUserSelectData());
-    fake.m.selectInterface("rmnet_data5");
-    EXPECT_TRUE(fake.m.isUserSelectData());
-    EXPECT_FALSE(fake.m.isAutoSelectData());
 }
 
-TEST(PingControlsDeathTest, NameTooLongForTheKernelEndsTheProcess) {
+// Workers the client started and auto-select candidates it never started
+// are suspended and resumed alike.
+TEST(PingWorkers, SuspendAndResumeReachEveryWorker) {
     TempPropertyFile props;
     FakeManager fake;
-    EXPECT_DEATH(fake.m.getInterfaceRtt("abcdefghijklmnop"), "interface name too long");
+    InterfaceManager& m = fake.m;
+    fake.sleeper.step();
+    ASSERT_EQ(0, m.selectInterface("rmnet_data0"));
+    // Cellular candidates probe while auto-select steers to cellular.
+    m.enableAutoSelect("rmnet_data3,rmnet_data4,rmnet_data5,rmnet_data6,rmnet_data7,");
+    ASSERT_TRUE(fake.sleeper.waitForSleep(1));  // the engine has begun
+    m.initAllPingThread();
+    size_t sleeps = 1 + kInterfaceCount;
+    ASSERT_TRUE(fake.sleeper.waitForSleep(sleeps));
+    for (const char* name : {"wlan0", "wlan1", "rmnet_data0", "rmnet_data1", "rmnet_data2"}) {
+        ASSERT_EQ(0, m.startPingThread(name));
+    }
+    auto turn = [&] {  // one cycle of each worker, and one decision
+        fake.sleeper.release();
+        sleeps += kInterfaceCount + 1;
+        return fake.sleeper.waitForSleep(sleeps);
+    };
+    auto probesMade = [&](int more = 0) {
+        std::vector<uint64_t> made;
+        for (const auto& entry : m.interfaces()) made.push_back(entry.second->counters.probes + more);
+        return made;
+    };
+    const std::vector<uint64_t> oneMore = probesMade(1);
+    ASSERT_TRUE(turn());
+    EXPECT_EQ(oneMore, probesMade());
+    m.suspendAllPingThreads();
+    ASSERT_TRUE(turn());
+    ASSERT_TRUE(turn());
+    EXPECT_EQ(oneMore, probesMade()) << "a suspended worker probed";
+    m.resumeAllPingThreads();
+    ASSERT_TRUE(turn());
+    EXPECT_EQ(oneMore, probesMade(-1)) << "a resumed worker did not probe";
 }
 
 TEST(Selection, FirstChangeRepeatAndUnknownNames) {

@@ -1,6 +1,6 @@
 // The interface manager's seams: the probe, the sleeper, the client callback,
-// the firewall/routing calls and the auto-select thread's start. Each has a
-// real default; tests hand in doubles when they build a manager of their own.
+// the firewall/routing calls and the start of a thread. The daemon's
+// composition root hands in the real ones; tests hand in doubles.
 #pragma once
 
 #include <cstdint>
@@ -57,20 +57,13 @@ public:
     virtual int32_t delIpRule(const char* prio) = 0;
 };
 
-// Starts the auto-select thread; the shipping one is detached.
-class AutoSelectLauncher {
+// Starts the ping workers and the auto-select thread; the shipping threads
+// are detached.
+class ThreadLauncher {
 public:
-    virtual ~AutoSelectLauncher() = default;
-    virtual void start(std::function<void()> body) = 0;
+    virtual ~ThreadLauncher() = default;
+    // 0, or the error number when the thread could not start.
+    virtual int start(std::function<void()> body) = 0;
 };
-
-// The shipping implementations: Ping, usleep,
-// IKestNetworkProbeMonCallback::notify, IptablesRuleManager/IpRuleManager,
-// and a detached thread whose failed creation ends the process.
-RttProberFactory& defaultProberFactory();
-Sleeper& defaultSleeper();
-AutoSelectNotifier& defaultNotifier();
-SteeringControl& defaultSteering();
-AutoSelectLauncher& defaultLauncher();
 
 }  // namespace probemond::ifaces

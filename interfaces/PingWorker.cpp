@@ -51,41 +51,47 @@ std::string rttText(const std::vector<int32_t>& arrival, const std::vector<int32
     return text;
 }
 
-PingWorker::PingWorker(InterfaceManager& manager, InterfaceInfo& info,
+PingWorker::PingWorker(PingContext& context, PingServers& servers, InterfaceInfo& info,
                        std::unique_ptr<RttProber> prober, Sleeper& sleeper)
-    : manager_(manager), info_(info), prober_(std::move(prober)), sleeper_(sleeper) {}
+    : context_(context),
+      servers_(servers),
+      info_(info),
+      prober_(std::move(prober)),
+      sleeper_(sleeper) {}
 
-InterfaceInfo* PingWorker::run() {
+void PingWorker::run() {
+    info_.pingThread = pthread_self();
     announce();
-    if (!info_.isPingThreadAlive) return &info_;
+    if (!info_.isPingThreadAlive) return;
     while (runCycle()) {
     }
-    return &info_;
 }
 
 void PingWorker::announce() {
-    // All workers share CPU 0 so that their timing does not wander.
-    cpu_set_t mask;
-    static_assert(sizeof(mask) == 128, "the worker pins itself with a 128-byte mask");
-    CPU_ZERO(&mask);
-    CPU_SET(0, &mask);
-    sched_setaffinity(0, sizeof(mask), &mask);
+    // All workers share CPU 0 so that their timing does not wander. The mask
+    // is 128 bytes wherever cpu_set_t is smaller (32-bit bionic).
+    constexpr size_t kMaskBytes = 128;
+    cpu_set_t mask[(kMaskBytes + sizeof(cpu_set_t) - 1) / sizeof(cpu_set_t)];
+    static_assert(sizeof(mask) == kMaskBytes, "cpu_set_t does not divide 128 bytes");
+    CPU_ZERO_S(kMaskBytes, mask);
+    CPU_SET_S(0, kMaskBytes, mask);
+    sched_setaffinity(0, kMaskBytes, mask);
     LOGD("Ping thread %ld on %s is started and running on cpu %d", threadId(),
          info_.name.c_str(), sched_getcpu());
 }
 
 bool PingWorker::runCycle() {
     if (!info_.isPingThreadSuspended) {
-        manager_.rttDebug = readDebugFlag(kRttDebugProperty);
+        context_.setRttDebug(readDebugFlag(kRttDebugProperty));
         ProbeFlags f{};
         f.running = info_.isPingThreadRunning;
         f.controlled = info_.isControlByAutoSelect;
-        f.forcePing = manager_.isAutoSelectForcePing;
+        f.forcePing = context_.isAutoSelectForcePing();
         f.isWifi = info_.isWifi;
-        f.userSelectData = manager_.isUserSelectData();
-        f.autoSelectData = manager_.isAutoSelectData();
+        f.userSelectData = context_.isUserSelectData();
+        f.autoSelectData = context_.isAutoSelectData();
         if (shouldProbe(f)) {
-            if (manager_.rttDebug) {
+            if (context_.rttDebugOn()) {
                 LOGD("isPingThreadRunning=%d, isControlByAutoSelect=%d, isAutoSelectForcePing=%d, "
                      "isUserSelectData=%d, isAutoSelectData=%d, isWifi=%d",
                      f.running, f.controlled, f.forcePing, f.userSelectData, f.autoSelectData,
@@ -95,7 +101,7 @@ bool PingWorker::runCycle() {
         }
     }
     if (!info_.isPingThreadAlive) return false;
-    sleeper_.sleepUs(workerSleepUs(info_.isControlByAutoSelect, manager_.isAutoSelectForcePing,
+    sleeper_.sleepUs(workerSleepUs(info_.isControlByAutoSelect, context_.isAutoSelectForcePing(),
                                    info_.isWifi, probeElapsed_, info_.pingInterval));
     return info_.isPingThreadAlive;
 }
@@ -110,7 +116,7 @@ void PingWorker::probeOnce() {
     std::vector<int32_t> sorted = history;
     std::sort(sorted.begin(), sorted.end());
     const int32_t median = medianOfSorted(sorted);
-    if (manager_.rttDebug) {
+    if (context_.rttDebugOn()) {
         LOGD("rrtt: %s,%s, [%d]", info_.name.c_str(), rttText(history, sorted).c_str(), median);
     }
     info_.mrtt = median;
@@ -137,27 +143,9 @@ void PingWorker::probeOnce() {
 }
 
 void PingWorker::switchServer() {
-    const bool cn = countryIsCn();
-    std::atomic<uint32_t>& index = cn ? manager_.cnServerIndex : manager_.globalServerIndex;
-    const uint32_t count = cn ? kCnServerCount : kGlobalServerCount;
-    const char* const* table = cn ? cnPingServers : globalPingServers;
-    // The index moves first, then is used; two workers switching at once
-    // move it twice.
-    uint32_t current = index.load();
-    uint32_t next;
-    do {
-        next = current + 1;
-        if (next >= count) next = 0;
-    } while (!index.compare_exchange_weak(current, next));
-    const char* server = table[next];
+    const char* server = servers_.rotate();
     info_.counters.serverRotations.fetch_add(1);
-    for (auto& entry : manager_.ifaceMap) {
-        entry.second->pingServer = server;
-        entry.second->switchCount = 0;
-    }
     LOGD("Ping thread %ld on %s switch DNS to %s", threadId(), info_.name.c_str(), server);
 }
 
 }  // namespace probemond::ifaces
-
-void* runPing(void* arg) { return static_cast<probemond::ifaces::PingWorker*>(arg)->run(); }

@@ -7,11 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "interfaces/InterfaceManager.h"
+#include "interfaces/InterfaceInfo.h"
+#include "interfaces/InterfaceSeams.h"
+#include "interfaces/PingContext.h"
+#include "interfaces/PingServers.h"
 
 namespace probemond::ifaces {
 
 inline constexpr uint32_t kServerSwitchCount = 6;
+inline constexpr const char* kRttThresholdProperty = "vendor.kest.probemond.rtt_timeout_threshold";
 
 // Whether a worker probes in this cycle.
 struct ProbeFlags {
@@ -38,12 +42,12 @@ std::string rttText(const std::vector<int32_t>& arrival, const std::vector<int32
 
 class PingWorker {
 public:
-    PingWorker(InterfaceManager& manager, InterfaceInfo& info, std::unique_ptr<RttProber> prober,
-               Sleeper& sleeper);
+    // Everything handed in must outlive the worker.
+    PingWorker(PingContext& context, PingServers& servers, InterfaceInfo& info,
+               std::unique_ptr<RttProber> prober, Sleeper& sleeper);
 
-    // The thread's whole life: announce, then cycles while alive. Returns
-    // the record.
-    InterfaceInfo* run();
+    // The thread's whole life: announce, then cycles while alive.
+    void run();
     // Pins the thread to CPU 0 and logs the start line.
     void announce();
     // One cycle, its sleep included. False when the worker is to end.
@@ -53,7 +57,8 @@ private:
     void probeOnce();
     void switchServer();
 
-    InterfaceManager& manager_;
+    PingContext& context_;
+    PingServers& servers_;
     InterfaceInfo& info_;
     std::unique_ptr<RttProber> prober_;
     Sleeper& sleeper_;
@@ -61,7 +66,3 @@ private:
 };
 
 }  // namespace probemond::ifaces
-
-// Thread body of a ping worker; `arg` is its PingWorker. Returns the record
-// if the worker ever ends.
-void* runPing(void* arg);

@@ -13,15 +13,29 @@ using namespace probemond::test;
 
 namespace {
 
+// What the rest of the daemon shows a worker, set by the test.
+struct FakeContext : PingContext {
+    std::atomic<bool> forcePing{false}, userData{false}, autoData{false}, debug{false};
+    bool isAutoSelectForcePing() const override { return forcePing; }
+    bool isUserSelectData() override { return userData; }
+    bool isAutoSelectData() override { return autoData; }
+    bool rttDebugOn() const override { return debug; }
+    void setRttDebug(bool on) override { debug = on; }
+};
+
+// Workers over the manager's ten records, with a context and servers of
+// their own.
 class WorkerCycle : public ::testing::Test {
 protected:
     TempPropertyFile props;
     FakeManager fake;
+    FakeContext context;
+    PingServers servers{fake.m.interfaces()};
 
     PingWorker worker(const char* name) {
         InterfaceInfo& info = fake.info(name);
         info.isPingThreadAlive = true;  // as start-up sets it before the thread runs
-        return PingWorker(fake.m, info, fake.probes.create(info), fake.sleeper);
+        return PingWorker(context, servers, info, fake.probes.create(info), fake.sleeper);
     }
     void cycles(PingWorker& w, std::initializer_list<int32_t> rtts) {
         for (int32_t rtt : rtts) {
@@ -55,35 +69,20 @@ TEST_F(WorkerCycle, SixSlowProbesMoveEveryRecordToTheNextServer) {
     cycles(w, {200, 200, 200, 200, 200});
     EXPECT_EQ(5u, fake.info("rmnet_data0").switchCount);
     cycles(w, {200});
-    for (auto& entry : fake.m.ifaceMap) {
+    for (auto& entry : fake.m.interfaces()) {
         EXPECT_STREQ("1.1.1.1", entry.second->pingServer.load()) << entry.first;
         EXPECT_EQ(0u, entry.second->switchCount) << entry.first;
     }
     EXPECT_EQ(1u, log.countContaining(" on rmnet_data0 switch DNS to 1.1.1.1"));
     EXPECT_EQ(1u, log.countContaining("rmnet_data0,rtt=200,mrtt=200,switch=0,cpu="));
     cycles(w, {30});
-    EXPECT_EQ("1.1.1.1", fake.probes.servers.back());  // the next probe asks the new server
+    EXPECT_EQ("1.1.1.1", fake.probes.servers().back());  // the next probe asks the new server
 
     // A fast probe takes one off; slow ones must lead by six from zero.
     cycles(w, {250, 30, 250, 30, 250, 30, 250, 250, 250, 250, 250});
     EXPECT_STREQ("1.1.1.1", fake.info("wlan0").pingServer.load());
     cycles(w, {250});
     EXPECT_STREQ("8.8.4.4", fake.info("wlan0").pingServer.load());
-}
-
-TEST_F(WorkerCycle, CountryChangeSwitchesTablesAndEachKeepsItsPlace) {
-    fake.m.startPingThread("wlan0");
-    PingWorker w = worker("wlan0");
-    auto switches = [&](const char* country, int n) {
-        props.set(kCountryProperty, country);
-        for (int i = 0; i < 6 * n; ++i) cycles(w, {300});
-        return std::string(fake.info("wlan1").pingServer.load());
-    };
-    EXPECT_EQ("1.1.1.1", switches("TW", 1));
-    EXPECT_EQ("223.5.5.5", switches("xxCNxx", 1));
-    EXPECT_EQ("8.8.4.4", switches("cn", 1));  // lower case is not China
-    EXPECT_EQ("180.76.76.76", switches("CN", 5));  // wrapped at six
-    EXPECT_EQ("1.1.1.1", switches("TW", 3));  // wrapped at four
 }
 
 TEST_F(WorkerCycle, CandidatesChargeTheProbeAgainstTheirPeriod) {
@@ -93,32 +92,33 @@ TEST_F(WorkerCycle, CandidatesChargeTheProbeAgainstTheirPeriod) {
     PingWorker cell = worker("rmnet_data0");
     cycles(wifi, {120});
     cycles(cell, {120});  // not forced, not steering to cellular: idle, full period
-    fake.m.isAutoSelectForcePing = true;
+    context.forcePing = true;
     cycles(cell, {120});
     props.set(kRttThresholdProperty, "300");
     cycles(wifi, {350});  // a slow probe is charged at the threshold
-    fake.m.isAutoSelectForcePing = false;
-    fake.m.selectInterface("rmnet_data0");
+    context.forcePing = false;
+    context.userData = true;
     cycles(wifi, {10});  // the user picked cellular: no probe, the last charge stays
     EXPECT_EQ((std::vector<uint32_t>{880000, 1000000, 380000, 700000, 700000}),
               fake.sleeper.requests());
-    EXPECT_EQ(3u, fake.probes.servers.size());
+    EXPECT_EQ(3u, fake.probes.servers().size());
 }
 
+// Suspension across all workers is proven on the manager's ten.
 TEST_F(WorkerCycle, IdleAndSuspendedWorkersDoNothingButSleep) {
     PingWorker w = worker("wlan0");
     cycles(w, {40});  // never started
     fake.m.startPingThread("wlan0");
-    fake.m.suspendAllPingThreads();
+    fake.info("wlan0").isPingThreadSuspended = true;
     LogCapture log;
     cycles(w, {40});
-    EXPECT_TRUE(fake.probes.servers.empty());
+    EXPECT_TRUE(fake.probes.servers().empty());
     EXPECT_TRUE(log.lines().empty()) << log.dump();
     EXPECT_EQ(std::vector<uint32_t>(2, 1000000), fake.sleeper.requests());
-    fake.m.resumeAllPingThreads();
+    fake.info("wlan0").isPingThreadSuspended = false;
     fake.info("wlan0").isPingThreadAlive = false;
     EXPECT_FALSE(w.runCycle());
-    EXPECT_EQ(1u, fake.probes.servers.size());
+    EXPECT_EQ(1u, fake.probes.servers().size());
     EXPECT_EQ(2u, fake.sleeper.requests().size());  // no sleep on the way out
 }
 

@@ -27,40 +27,49 @@ bool waitUntil(Pred done, int ms = 5000) {
     return true;
 }
 
-// Probes answer `rtt` and record the server asked. Workers using it are
-// stepped on the test's own thread.
+// Probes answer `rtt` and record the server asked.
 struct FakeProbes : ifaces::RttProberFactory {
-    int32_t rtt = 30;
-    Strings servers;
+    std::atomic<int32_t> rtt{30};
+
+    Strings servers() {
+        std::lock_guard<std::mutex> g(lock);
+        return asked;
+    }
 
     struct Prober : ifaces::RttProber {
         FakeProbes& p;
         explicit Prober(FakeProbes& probes) : p(probes) {}
         int32_t ping(const char*, const char* server) override {
-            p.servers.push_back(server);
+            std::lock_guard<std::mutex> g(p.lock);
+            p.asked.push_back(server);
             return p.rtt;
         }
     };
     std::unique_ptr<ifaces::RttProber> create(const InterfaceInfo&) override {
         return std::make_unique<Prober>(*this);
     }
+
+    std::mutex lock;
+    Strings asked;
 };
 
 // Records every sleep and never really sleeps. Once stepped, each sleep
-// waits until the test releases it: the thread's loop moves one turn at a time.
+// waits for the test's next release(): every sleeping thread's loop then
+// moves exactly one turn.
 class FakeSleeper : public ifaces::Sleeper {
 public:
     void sleepUs(uint32_t us) override {
         std::unique_lock<std::mutex> l(lock_);
         requests_.push_back(us);
+        const size_t turn = released_;
         changed_.notify_all();
-        changed_.wait(l, [&] { return !stepped_ || released_ >= requests_.size(); });
+        changed_.wait(l, [&] { return !stepped_ || released_ != turn; });
     }
     std::vector<uint32_t> requests() {
         std::lock_guard<std::mutex> g(lock_);
         return requests_;
     }
-    // Waits until the sleeping thread is in its n-th sleep.
+    // Waits until the sleeping threads are in their n-th sleep, together.
     bool waitForSleep(size_t n) {
         std::unique_lock<std::mutex> l(lock_);
         return changed_.wait_for(l, std::chrono::seconds(5), [&] { return requests_.size() >= n; });
@@ -122,22 +131,29 @@ private:
     Strings calls_;
 };
 
-// Runs the auto-select thread on a std::thread that it joins.
-struct JoiningLauncher : ifaces::AutoSelectLauncher {
-    std::thread thread;
+// Runs each thread on a std::thread that join() waits for.
+struct JoiningLauncher : ifaces::ThreadLauncher {
     std::atomic<int> started{0};
 
-    void start(std::function<void()> body) override {
-        if (thread.joinable()) thread.join();  // a stopped engine's thread before the next one
-        thread = std::thread(std::move(body));
+    int start(std::function<void()> body) override {
+        std::lock_guard<std::mutex> g(lock_);
+        threads_.emplace_back(std::move(body));
         ++started;
+        return 0;
     }
     void join() {
-        if (thread.joinable()) thread.join();
+        std::lock_guard<std::mutex> g(lock_);
+        for (std::thread& t : threads_) t.join();
+        threads_.clear();
     }
+
+private:
+    std::mutex lock_;
+    std::vector<std::thread> threads_;
 };
 
-// A manager on the fakes; it stops and joins its engine before it goes.
+// A manager on the fakes; it stops and joins its engine and any workers
+// before it goes.
 struct FakeManager {
     FakeProbes probes;
     FakeSleeper sleeper;
@@ -146,7 +162,8 @@ struct FakeManager {
     InterfaceManager m{probes, sleeper, recorder, recorder, launcher};
 
     ~FakeManager() {
-        m.isAutoSelectEnabled = false;
+        m.disableAutoSelect();
+        for (const auto& entry : m.interfaces()) entry.second->isPingThreadAlive = false;
         sleeper.step(false);
         launcher.join();
     }

@@ -1,5 +1,8 @@
-// The auto-select engine: its decisions one step at a time, and its thread
-// moved one 100 ms turn at a time by a sleeper the test releases.
+// The auto-select engine: its decisions one step at a time, and the
+// manager's thread driving it one 100 ms turn at a time by a sleeper the
+// test releases.
+#include "interfaces/AutoSelectEngine.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -14,6 +17,13 @@ using namespace probemond::ifaces;
 using namespace probemond::test;
 
 namespace {
+
+// An engine of its own over a manager's records.
+struct EngineRig : FakeManager {
+    Selection selection;
+    std::atomic<bool> rttDebug{false};
+    AutoSelectEngine engine{m.interfaces(), selection, rttDebug, recorder, recorder};
+};
 
 struct DecisionRow {
     const char* what;
@@ -51,31 +61,33 @@ TEST(AutoSelectDecision, RuleTable) {
          {"rmnet_data0", "rmnet_data1", "rmnet_data2"}, "rmnet_data2", true},
         {"a history of 4 waits", "wlan0", 150, 4,
          {{"wlan0", 150}, {"rmnet_data0", 10}}, {"rmnet_data0", "wlan0"}, nullptr, false},
-        {"no candidate at all", "rmnet_data0", 300, 5, {{"rmnet_data0", 300}}, {}, nullptr, true},
         {"no selection yet", "", 0, 0, {{"wlan0", 10}}, {"wlan0"}, nullptr, false},
+        {"no candidate at all", "rmnet_data0", 300, 5, {{"rmnet_data0", 300}}, {}, nullptr, true},
     };
+    // One engine through every row: a row that raises the force-ping hint
+    // is followed by rows whose decision must clear it.
+    TempPropertyFile props;
+    props.set(kRttDebugProperty, "1");
+    EngineRig fake;
+    fake.engine.mutex().lock();
     for (const DecisionRow& row : rows) {
         SCOPED_TRACE(row.what);
-        TempPropertyFile props;
-        props.set(kRttDebugProperty, "1");
-        FakeManager fake;
-        if (*row.current) fake.m.selectInterface(row.current);
+        fake.selection.setUser(row.current);
         std::vector<InterfaceInfo*> list;
         for (const char* name : row.list) list.push_back(&fake.info(name));
-        fake.m.beginAutoSelect(list);
+        fake.engine.begin(list);
         for (const auto& [name, mrtt] : row.medians) fake.history(name, 5, mrtt);
         if (*row.current) {
             fake.history(row.current, row.currentHistory, fake.info(row.current).mrtt);
             fake.info(row.current).rtt = row.currentRtt;
         }
-        fake.m.isAutoSelectForcePing = true;  // every decision starts by clearing it
         fake.recorder.clear();
         LogCapture log;
 
-        EXPECT_EQ(row.winner != nullptr, fake.m.decideAutoSelect(list));
-        EXPECT_EQ(row.forcePing, fake.m.isAutoSelectForcePing.load());
+        EXPECT_EQ(row.winner != nullptr, fake.engine.decide(list));
+        EXPECT_EQ(row.forcePing, fake.engine.isForcePing());
         const std::string now = row.winner ? row.winner : row.current;
-        EXPECT_EQ(now, fake.m.autoSelectIfaceCopy());
+        EXPECT_EQ(now, fake.selection.autoIface());
         Strings lines, calls;
         if (row.winner) {
             lines = {now + " (" + std::to_string(fake.info(now).mrtt) + "ms) is better than " +
@@ -88,15 +100,16 @@ TEST(AutoSelectDecision, RuleTable) {
         }
         EXPECT_EQ(lines, log.texts());
         EXPECT_EQ(calls, fake.recorder.calls());
-
-        // Stopping away from the user's choice resets the steered sockets.
-        fake.recorder.clear();
-        fake.m.endAutoSelect();
-        EXPECT_EQ(row.winner ? Strings{"killUidSocket"} : Strings{}, fake.recorder.calls());
-        EXPECT_EQ("", fake.m.autoSelectIfaceCopy());
-        EXPECT_FALSE(fake.m.isAutoSelectForcePing);
-        EXPECT_FALSE(fake.m.rttDebug);
     }
+    // Ending after a row that raised the hint, on the user's own choice:
+    // nothing to reset (the thread test ends away from it).
+    fake.recorder.clear();
+    fake.engine.end();
+    EXPECT_EQ(Strings{}, fake.recorder.calls());
+    EXPECT_EQ("", fake.selection.autoIface());
+    EXPECT_FALSE(fake.engine.isForcePing());
+    EXPECT_FALSE(fake.rttDebug);
+    fake.engine.mutex().unlock();
 }
 
 // "Auto select thread 1234 is started" -> "Auto select thread N is started".
@@ -119,7 +132,7 @@ TEST(AutoSelectThread, SwitchesAndStopsInOrderWhileSelectionWaits) {
     LogCapture log;
     fake.m.enableAutoSelect(",bogus,wlan0,,wlan1,wlan1,wlan0");
     ASSERT_TRUE(fake.sleeper.waitForSleep(1));  // no history yet: no decision
-    for (auto& [name, info] : fake.m.ifaceMap) {
+    for (auto& [name, info] : fake.m.interfaces()) {
         EXPECT_EQ(name == "wlan0" || name == "wlan1", info->isControlByAutoSelect.load()) << name;
     }
     fake.history("rmnet_data0", 5, 70);

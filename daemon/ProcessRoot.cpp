@@ -1,0 +1,124 @@
+#include "daemon/ProcessRoot.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "daemon/IKestNetworkProbeMonCallback.h"
+#include "interfaces/InterfaceManager.h"
+#include "netctl/IpRuleManager.h"
+#include "netctl/IptablesRuleManager.h"
+#include "netctl/WrapperCommand.h"
+#include "probe/Ping.h"
+
+namespace probemond {
+namespace {
+
+using ifaces::AutoSelectNotifier;
+using ifaces::RttProber;
+using ifaces::RttProberFactory;
+using ifaces::Sleeper;
+using ifaces::SteeringControl;
+using ifaces::ThreadLauncher;
+
+class PingProber : public RttProber {
+public:
+    int32_t ping(const char* iface, const char* server) override { return ping_.ping(iface, server); }
+    bool lastProbeFailed() const override { return ping_.lastProbeFailed; }
+
+private:
+    Ping ping_;  // each worker keeps its own sequence numbers
+};
+
+class PingProberFactory : public RttProberFactory {
+public:
+    std::unique_ptr<RttProber> create(const InterfaceInfo&) override {
+        return std::make_unique<PingProber>();
+    }
+};
+
+class UsleepSleeper : public Sleeper {
+public:
+    void sleepUs(uint32_t us) override { usleep(us); }
+};
+
+// The client's callback service, looked up anew on every call.
+class CallbackNotifier : public AutoSelectNotifier {
+public:
+    int32_t notify(const std::string& iface) override {
+        return android::IKestNetworkProbeMonCallback::notify(iface);
+    }
+};
+
+class RuleManagers : public SteeringControl {
+public:
+    RuleManagers(IptablesRuleManager& iptables, IpRuleManager& ipRules)
+        : iptables_(iptables), ipRules_(ipRules) {}
+
+    void initMangleRules(const char* iface, const char* mark) override {
+        iptables_.initMangleRules(iface, mark);
+    }
+    void initNatRules(const char* iface) override { iptables_.initNatRules(iface); }
+    int32_t selectIface(const char* iface, bool killSockets) override {
+        return iptables_.selectIface(iface, killSockets);
+    }
+    void enableAutoSelect(const char* iface) override { iptables_.enableAutoSelect(iface); }
+    void disableAutoSelect() override { iptables_.disableAutoSelect(); }
+    void killUidSocket() override { iptables_.killUidSocket(); }
+    int32_t addIpRule(const char* table, const char* fwmark, const char* prio) override {
+        return ipRules_.addIpRule(table, fwmark, prio);
+    }
+    int32_t delIpRule(const char* prio) override { return ipRules_.delIpRule(prio); }
+
+private:
+    IptablesRuleManager& iptables_;
+    IpRuleManager& ipRules_;
+};
+
+class DetachedLauncher : public ThreadLauncher {
+public:
+    int start(std::function<void()> body) override {
+        auto owned = std::make_unique<std::function<void()>>(std::move(body));
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+        pthread_t thread;
+        const int rc = pthread_create(&thread, &attr, run, owned.get());
+        pthread_attr_destroy(&attr);
+        if (rc == 0) owned.release();  // the thread owns it now
+        return rc;
+    }
+
+private:
+    static void* run(void* arg) {
+        std::unique_ptr<std::function<void()>> body(static_cast<std::function<void()>*>(arg));
+        (*body)();
+        return nullptr;
+    }
+};
+
+// Members are built in declaration order, which is the start-up order.
+struct Process {
+    PopenCommandExecutor executor;
+    KernelSocketKiller killer;
+    IptablesRuleManager iptables{executor, killer};
+    IpRuleManager ipRules{executor};
+
+    PingProberFactory probers;
+    UsleepSleeper sleeper;
+    CallbackNotifier notifier;
+    RuleManagers steering{iptables, ipRules};
+    DetachedLauncher launcher;
+    InterfaceManager interfaces{probers, sleeper, notifier, steering, launcher};
+};
+
+}  // namespace
+
+android::sp<android::KestNetworkProbeMond> buildProcess() {
+    static Process* const process = new Process();
+    process->interfaces.initAllPingThread();
+    return new android::KestNetworkProbeMond(process->interfaces, process->iptables);
+}
+
+}  // namespace probemond

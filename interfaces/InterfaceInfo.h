@@ -1,0 +1,68 @@
+// The record of one interface, shared by its ping worker, the manager, the
+// auto-select engine and the state dump.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "common/ThreadAnnotations.h"
+#include "interfaces/Telemetry.h"
+
+namespace probemond::ifaces {
+
+inline constexpr size_t kMaxRttHistory = 10;
+
+}  // namespace probemond::ifaces
+
+// Flags, counters and the server pointer are single words that several
+// threads read and write without a lock (last writer wins); the history has
+// a short lock of its own.
+struct InterfaceInfo {
+    pthread_t pingThread{};
+    std::string name;
+    std::atomic<const char*> pingServer{nullptr};
+    int32_t pingInterval = 1;
+    const char* fwmark = nullptr;
+    const char* prio = nullptr;
+    std::atomic<int32_t> rtt{0};
+    std::atomic<int32_t> mrtt{0};
+    std::atomic<bool> isPingThreadRunning{false};
+    std::atomic<bool> isPingThreadSuspended{false};
+    std::atomic<bool> isPingThreadAlive{false};
+    std::atomic<bool> isControlByAutoSelect{false};
+    bool isWifi = true;
+    std::atomic<uint32_t> switchCount{0};
+
+    probemond::ifaces::ProbeCounters counters;
+
+    // Appends one result, dropping the oldest beyond ten; returns the
+    // history as it then stands, oldest first.
+    std::vector<int32_t> addRtt(int32_t value, bool failed = false);
+    void clearRttHistory();
+    size_t rttHistorySize() const;
+    std::vector<int32_t> rttHistorySnapshot() const;
+    // Whole percent of the results in the history that were failed probes.
+    int historyFailurePercent() const;
+
+private:
+    mutable probemond::Mutex historyLock_;
+    std::deque<int32_t> rttHistory PM_GUARDED_BY(historyLock_);
+    probemond::ifaces::FailureWindow historyFailures_ PM_GUARDED_BY(historyLock_);
+};
+
+namespace probemond::ifaces {
+
+// Name to record, ordered by name; fixed once the manager has built it.
+using InterfaceMap = std::map<std::string, InterfaceInfo*>;
+
+// The record of exactly this name, or nullptr.
+InterfaceInfo* findInterface(const InterfaceMap& map, const std::string& name);
+
+}  // namespace probemond::ifaces

@@ -1,0 +1,23 @@
+// What a ping worker reads of the rest of the daemon: the auto-select
+// engine's hint, the kinds of the two selections and the debug switch that
+// every worker and the engine share.
+#pragma once
+
+namespace probemond::ifaces {
+
+inline constexpr const char* kRttDebugProperty = "vendor.kest.probemond.rtt_debug";
+
+class PingContext {
+public:
+    virtual ~PingContext() = default;
+    // Every auto-select candidate is to probe, cellular ones twice as often.
+    virtual bool isAutoSelectForcePing() const = 0;
+    // Whether the user's / auto-select's interface is cellular.
+    virtual bool isUserSelectData() = 0;
+    virtual bool isAutoSelectData() = 0;
+    // The shared debug switch; last writer wins.
+    virtual bool rttDebugOn() const = 0;
+    virtual void setRttDebug(bool on) = 0;
+};
+
+}  // namespace probemond::ifaces
