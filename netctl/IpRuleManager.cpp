@@ -6,12 +6,6 @@ using probemond::CommandRun;
 using probemond::kIp;
 using probemond::runCommand;
 
-IpRuleManager* IpRuleManager::instance() {
-    // Never destroyed: threads that outlive main may still use it.
-    static IpRuleManager* const sInstance = new IpRuleManager(*new probemond::PopenCommandExecutor());
-    return sInstance;
-}
-
 IpRuleManager::IpRuleManager(probemond::CommandExecutor& executor) : executor_(executor) {
     LOGD("%s called", "IpRuleManager");
 }

@@ -9,9 +9,6 @@
 
 class IpRuleManager {
 public:
-    // The process-wide manager, built once on the popen runner.
-    static IpRuleManager* instance();
-
     // `executor` must outlive the manager.
     explicit IpRuleManager(probemond::CommandExecutor& executor);
     IpRuleManager(const IpRuleManager&) = delete;

@@ -47,13 +47,6 @@ bool refuseBadUid(const char* caller, const char* uid) {
 
 }  // namespace
 
-IptablesRuleManager* IptablesRuleManager::instance() {
-    // Never destroyed: threads that outlive main may still use it.
-    static IptablesRuleManager* const sInstance =
-            new IptablesRuleManager(*new probemond::PopenCommandExecutor(), *new probemond::KernelSocketKiller());
-    return sInstance;
-}
-
 IptablesRuleManager::IptablesRuleManager(probemond::CommandExecutor& executor, probemond::SocketKiller& killer)
     : executor_(executor), killer_(killer) {
     LOGD("%s called", "IptablesRuleManager");

@@ -29,10 +29,6 @@ public:
 
 class IptablesRuleManager {
 public:
-    // The process-wide manager, built with its chain tree on first call, on
-    // the popen runner and the kernel socket killer.
-    static IptablesRuleManager* instance();
-
     // Builds the chain tree. `executor` and `killer` must outlive the manager.
     IptablesRuleManager(probemond::CommandExecutor& executor, probemond::SocketKiller& killer);
     IptablesRuleManager(const IptablesRuleManager&) = delete;
