@@ -27,6 +27,8 @@
 
 #include "netctl/SockDiag.h"
 
+using namespace probemond;
+
 extern char** environ;
 
 namespace {

@@ -7,6 +7,8 @@
 
 #include "probe/Ping.h"
 
+using namespace probemond;
+
 int main(int argc, char** argv) {
     if (argc != 5) {
         fprintf(stderr, "usage: %s IFACE SERVER COUNT INTERVAL_MS\n", argv[0]);

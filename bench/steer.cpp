@@ -32,6 +32,8 @@
 #include "netctl/IptablesRuleManager.h"
 #include "netctl/WrapperCommand.h"
 
+using namespace probemond;
+
 extern char** environ;
 
 namespace {

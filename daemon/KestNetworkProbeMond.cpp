@@ -72,8 +72,8 @@ status_t writeAll(int fd, const std::string& text) {
 
 }  // namespace
 
-KestNetworkProbeMond::KestNetworkProbeMond(InterfaceManager& interfaces,
-                                           IptablesRuleManager& iptables)
+KestNetworkProbeMond::KestNetworkProbeMond(probemond::InterfaceManager& interfaces,
+                                           probemond::IptablesRuleManager& iptables)
     : interfaces_(interfaces), iptables_(iptables) {}
 
 void KestNetworkProbeMond::useBinderIPC() {

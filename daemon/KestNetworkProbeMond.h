@@ -11,15 +11,17 @@
 
 #include "daemon/IKestNetworkProbeMon.h"
 
+namespace probemond {
 class InterfaceManager;
 class IptablesRuleManager;
+}  // namespace probemond
 
 namespace android {
 
 class KestNetworkProbeMond : public BnKestNetworkProbeMon {
 public:
     // Both managers must outlive the service.
-    KestNetworkProbeMond(InterfaceManager& interfaces, IptablesRuleManager& iptables);
+    KestNetworkProbeMond(probemond::InterfaceManager& interfaces, probemond::IptablesRuleManager& iptables);
 
     // Registers this object as "probemond_Binder" on /dev/vndbinder and starts
     // the binder thread pool. Later calls register the same object again.
@@ -45,8 +47,8 @@ public:
     status_t dump(int fd, const Vector<String16>& args) override;
 
 private:
-    InterfaceManager& interfaces_;
-    IptablesRuleManager& iptables_;
+    probemond::InterfaceManager& interfaces_;
+    probemond::IptablesRuleManager& iptables_;
 };
 
 }  // namespace android

@@ -25,7 +25,7 @@ std::string wallClock(int64_t unixMs) {
 }
 
 void formatSwitches(std::ostringstream& out, const char* title,
-                    const probemond::ifaces::SwitchHistory& h) {
+                    const probemond::SwitchHistory& h) {
     out << title << ": count=" << h.count << " lastMsAgo=" << msAgo(h.msSinceLast) << "\n";
     for (const auto& r : h.recent) {
         out << "  " << wallClock(r.wallMs) << " " << orNone(r.from) << " (" << r.fromMrtt

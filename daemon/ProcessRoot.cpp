@@ -15,12 +15,6 @@
 namespace probemond {
 namespace {
 
-using ifaces::AutoSelectNotifier;
-using ifaces::RttProber;
-using ifaces::RttProberFactory;
-using ifaces::Sleeper;
-using ifaces::SteeringControl;
-using ifaces::ThreadLauncher;
 
 class PingProber : public RttProber {
 public:

@@ -9,6 +9,8 @@
 #include "fuzz/FuzzCommon.h"
 #include "probe/IcmpPacket.h"
 
+using namespace probemond;
+
 namespace {
 
 struct Header {

@@ -17,6 +17,8 @@
 #include "netctl/SockDiag.h"
 #include "probe/IcmpPacket.h"
 
+using namespace probemond;
+
 using namespace android;
 
 namespace {

@@ -6,7 +6,7 @@
 #include "common/Properties.h"
 #include "interfaces/PingContext.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 AutoSelectEngine::AutoSelectEngine(const InterfaceMap& ifaceMap, Selection& selection,
                                    std::atomic<bool>& rttDebug, AutoSelectNotifier& notifier,
@@ -135,4 +135,4 @@ InterfaceInfo* AutoSelectEngine::getCurrBestIfaceInfo(const Candidates& ifaces) 
     return findInterface(ifaceMap_, candidate ? candidate->name : std::string());
 }
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

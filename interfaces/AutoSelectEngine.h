@@ -16,7 +16,7 @@
 #include "interfaces/Selection.h"
 #include "interfaces/Telemetry.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 // Results the current interface needs in its history before any decision.
 inline constexpr size_t kHistoryMinimum = 5;
@@ -42,7 +42,7 @@ public:
 
     // Taken by manual selection and enable(), held by the engine's thread
     // for its whole life; some paths leave it held on purpose.
-    probemond::PosixMutex& mutex() PM_RETURN_CAPABILITY(ifaceMutex) { return ifaceMutex; }
+    PosixMutex& mutex() PM_RETURN_CAPABILITY(ifaceMutex) { return ifaceMutex; }
 
     // Stops the running engine, then, under the mutex, makes the listed
     // records the candidates and turns the engine on. The list is
@@ -77,11 +77,11 @@ private:
     AutoSelectNotifier& notifier_;
     SteeringControl& steering_;
 
-    probemond::PosixMutex ifaceMutex;
+    PosixMutex ifaceMutex;
     Candidates autoSelectIfaces PM_GUARDED_BY(ifaceMutex);
     std::atomic<bool> isAutoSelectEnabled{false};
     std::atomic<bool> isAutoSelectForcePing{false};
     SwitchLog switchLog_;
 };
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

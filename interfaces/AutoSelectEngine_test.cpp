@@ -13,7 +13,7 @@
 #include "interfaces/InterfaceManager.h"
 #include "tests/interfaces/InterfaceFakes.h"
 
-using namespace probemond::ifaces;
+using namespace probemond;
 using namespace probemond::test;
 
 namespace {

@@ -1,7 +1,6 @@
 #include "interfaces/InterfaceInfo.h"
 
-using probemond::MutexLock;
-using probemond::ifaces::kMaxRttHistory;
+namespace probemond {
 
 std::vector<int32_t> InterfaceInfo::addRtt(int32_t value, bool failed) {
     MutexLock g(historyLock_);
@@ -32,8 +31,6 @@ int InterfaceInfo::historyFailurePercent() const {
     return historyFailures_.percent();
 }
 
-namespace probemond::ifaces {
-
 InterfaceInfo* findInterface(const InterfaceMap& map, const std::string& name) {
     for (const auto& entry : map) {
         if (entry.second->name == name) return entry.second;
@@ -41,4 +38,4 @@ InterfaceInfo* findInterface(const InterfaceMap& map, const std::string& name) {
     return nullptr;
 }
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

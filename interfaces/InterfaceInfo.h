@@ -15,11 +15,9 @@
 #include "common/ThreadAnnotations.h"
 #include "interfaces/Telemetry.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 inline constexpr size_t kMaxRttHistory = 10;
-
-}  // namespace probemond::ifaces
 
 // Flags, counters and the server pointer are single words that several
 // threads read and write without a lock (last writer wins); the history has
@@ -40,7 +38,7 @@ struct InterfaceInfo {
     bool isWifi = true;
     std::atomic<uint32_t> switchCount{0};
 
-    probemond::ifaces::ProbeCounters counters;
+    ProbeCounters counters;
 
     // Appends one result, dropping the oldest beyond ten; returns the
     // history as it then stands, oldest first.
@@ -52,12 +50,10 @@ struct InterfaceInfo {
     int historyFailurePercent() const;
 
 private:
-    mutable probemond::Mutex historyLock_;
+    mutable Mutex historyLock_;
     std::deque<int32_t> rttHistory PM_GUARDED_BY(historyLock_);
-    probemond::ifaces::FailureWindow historyFailures_ PM_GUARDED_BY(historyLock_);
+    FailureWindow historyFailures_ PM_GUARDED_BY(historyLock_);
 };
-
-namespace probemond::ifaces {
 
 // Name to record, ordered by name; fixed once the manager has built it.
 using InterfaceMap = std::map<std::string, InterfaceInfo*>;
@@ -65,4 +61,4 @@ using InterfaceMap = std::map<std::string, InterfaceInfo*>;
 // The record of exactly this name, or nullptr.
 InterfaceInfo* findInterface(const InterfaceMap& map, const std::string& name);
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

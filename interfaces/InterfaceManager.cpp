@@ -12,7 +12,7 @@
 #include "common/Log.h"
 #include "interfaces/PingWorker.h"
 
-using namespace probemond::ifaces;
+namespace probemond {
 
 // ---- start-up ----
 
@@ -287,3 +287,5 @@ void InterfaceManager::runAutoSelect(Candidates ifaces) {
     engine_.end();
     engine_.mutex().unlock();
 }
+
+}  // namespace probemond

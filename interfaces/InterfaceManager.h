@@ -19,9 +19,9 @@
 #include "interfaces/Selection.h"
 #include "interfaces/Telemetry.h"
 
-namespace probemond::ifaces {
+namespace probemond {
+
 class PingWorker;
-}  // namespace probemond::ifaces
 
 // Read-only copies for the state dump; taking them never waits on ifaceMutex.
 struct InterfaceSnapshot {
@@ -52,20 +52,20 @@ struct InterfaceManagerSnapshot {
     bool isAutoSelectForcePing = false;
     bool rttDebug = false;
     std::vector<InterfaceSnapshot> interfaces;  // map order
-    probemond::ifaces::SwitchHistory autoSwitches;
-    probemond::ifaces::SwitchHistory manualSelections;
+    SwitchHistory autoSwitches;
+    SwitchHistory manualSelections;
 };
 
-class InterfaceManager : private probemond::ifaces::PingContext {
+class InterfaceManager : private PingContext {
 public:
     // Builds one record per row of the interface table and has `steering`
     // set up each interface's chains. Starts no thread; the seams must
     // outlive the manager.
-    InterfaceManager(probemond::ifaces::RttProberFactory& probers,
-                     probemond::ifaces::Sleeper& sleeper,
-                     probemond::ifaces::AutoSelectNotifier& notifier,
-                     probemond::ifaces::SteeringControl& steering,
-                     probemond::ifaces::ThreadLauncher& launcher);
+    InterfaceManager(RttProberFactory& probers,
+                     Sleeper& sleeper,
+                     AutoSelectNotifier& notifier,
+                     SteeringControl& steering,
+                     ThreadLauncher& launcher);
     ~InterfaceManager() override;
     InterfaceManager(const InterfaceManager&) = delete;
     InterfaceManager& operator=(const InterfaceManager&) = delete;
@@ -102,7 +102,7 @@ public:
 
     std::string userSelectIfaceCopy() const { return selection_.user(); }
     std::string autoSelectIfaceCopy() const { return selection_.autoIface(); }
-    const probemond::ifaces::InterfaceMap& interfaces() const { return ifaceMap; }
+    const InterfaceMap& interfaces() const { return ifaceMap; }
     InterfaceManagerSnapshot snapshot() const;
 
 private:
@@ -115,20 +115,22 @@ private:
     // The engine thread's body: holds the mutex from before the first step
     // until after the last, so one engine runs at a time and manual
     // selection waits until auto-select is off.
-    void runAutoSelect(probemond::ifaces::Candidates ifaces);
+    void runAutoSelect(Candidates ifaces);
 
-    probemond::ifaces::RttProberFactory& probers_;
-    probemond::ifaces::Sleeper& sleeper_;
-    probemond::ifaces::SteeringControl& steering_;
-    probemond::ifaces::ThreadLauncher& launcher_;
+    RttProberFactory& probers_;
+    Sleeper& sleeper_;
+    SteeringControl& steering_;
+    ThreadLauncher& launcher_;
 
-    probemond::ifaces::InterfaceMap ifaceMap;
+    InterfaceMap ifaceMap;
     std::vector<std::unique_ptr<InterfaceInfo>> records_;
-    probemond::ifaces::Selection selection_;
+    Selection selection_;
     // Shared by every worker and the engine.
     std::atomic<bool> rttDebug{false};
-    probemond::ifaces::PingServers servers_{ifaceMap};
-    probemond::ifaces::AutoSelectEngine engine_;
-    probemond::ifaces::SwitchLog manualSelectLog_;
-    std::vector<std::unique_ptr<probemond::ifaces::PingWorker>> workers_;
+    PingServers servers_{ifaceMap};
+    AutoSelectEngine engine_;
+    SwitchLog manualSelectLog_;
+    std::vector<std::unique_ptr<PingWorker>> workers_;
 };
+
+}  // namespace probemond

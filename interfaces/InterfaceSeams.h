@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
-struct InterfaceInfo;
+namespace probemond {
 
-namespace probemond::ifaces {
+struct InterfaceInfo;
 
 // One RTT measurement; each ping worker owns its own prober.
 class RttProber {
@@ -66,4 +66,4 @@ public:
     virtual int start(std::function<void()> body) = 0;
 };
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

@@ -1,6 +1,6 @@
 #include "interfaces/InterfaceTable.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 const char* const interfaceNames[] = {"wlan0",       "wlan1",       "rmnet_data0", "rmnet_data1",
                                       "rmnet_data2", "rmnet_data3", "rmnet_data4", "rmnet_data5",
@@ -12,4 +12,4 @@ const char* const interfacePrios[] = {"29500", "29600", "29700", "29800", "29900
 
 bool isDataInterface(const std::string& name) { return name.rfind("rmnet_data", 0) == 0; }
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-namespace probemond::ifaces {
+namespace probemond {
 
 inline constexpr size_t kInterfaceCount = 10;
 
@@ -18,4 +18,4 @@ extern const char* const interfacePrios[];
 // Cellular interfaces are named rmnet_data<N>; every other one is Wi-Fi.
 bool isDataInterface(const std::string& name);
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

@@ -3,7 +3,7 @@
 // every worker and the engine share.
 #pragma once
 
-namespace probemond::ifaces {
+namespace probemond {
 
 inline constexpr const char* kRttDebugProperty = "vendor.kest.probemond.rtt_debug";
 
@@ -20,4 +20,4 @@ public:
     virtual void setRttDebug(bool on) = 0;
 };
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

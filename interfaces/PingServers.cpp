@@ -1,6 +1,6 @@
 #include "interfaces/PingServers.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 const char* const cnPingServers[] = {"180.76.76.76",    "223.5.5.5", "114.114.114.114",
                                      "208.67.222.222",  "114.114.115.115", "223.6.6.6",
@@ -29,4 +29,4 @@ const char* PingServers::rotate() {
     return server;
 }
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

@@ -9,7 +9,7 @@
 #include "common/Properties.h"
 #include "interfaces/InterfaceInfo.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 inline constexpr size_t kCnServerCount = 6;
 inline constexpr size_t kGlobalServerCount = 4;
@@ -46,4 +46,4 @@ private:
     std::atomic<uint32_t> globalServerIndex{0};
 };
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

@@ -8,7 +8,7 @@
 
 #include "TempPropertyFile.h"
 
-using namespace probemond::ifaces;
+using namespace probemond;
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "common/Log.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 bool shouldProbe(const ProbeFlags& f) {
     if (f.running) return true;
@@ -148,4 +148,4 @@ void PingWorker::switchServer() {
     LOGD("Ping thread %ld on %s switch DNS to %s", threadId(), info_.name.c_str(), server);
 }
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

@@ -12,7 +12,7 @@
 #include "interfaces/PingContext.h"
 #include "interfaces/PingServers.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 inline constexpr uint32_t kServerSwitchCount = 6;
 inline constexpr const char* kRttThresholdProperty = "vendor.kest.probemond.rtt_timeout_threshold";
@@ -65,4 +65,4 @@ private:
     int32_t probeElapsed_ = 0;
 };
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

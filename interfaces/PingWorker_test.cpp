@@ -8,7 +8,7 @@
 #include "TempPropertyFile.h"
 #include "tests/interfaces/InterfaceFakes.h"
 
-using namespace probemond::ifaces;
+using namespace probemond;
 using namespace probemond::test;
 
 namespace {

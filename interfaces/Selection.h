@@ -7,7 +7,7 @@
 
 #include "common/ThreadAnnotations.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 class Selection {
 public:
@@ -34,4 +34,4 @@ private:
     std::string autoSelectIface PM_GUARDED_BY(selectionLock_);
 };
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

@@ -2,7 +2,7 @@
 
 #include <time.h>
 
-namespace probemond::ifaces {
+namespace probemond {
 
 namespace {
 
@@ -61,4 +61,4 @@ SwitchHistory SwitchLog::snapshot() const {
     return h;
 }
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

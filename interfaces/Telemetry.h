@@ -11,7 +11,7 @@
 
 #include "common/ThreadAnnotations.h"
 
-namespace probemond::ifaces {
+namespace probemond {
 
 inline constexpr size_t kSwitchRecordCount = 16;
 
@@ -74,4 +74,4 @@ private:
     int64_t lastMonotonicMs_ PM_GUARDED_BY(lock_) = -1;
 };
 
-}  // namespace probemond::ifaces
+}  // namespace probemond

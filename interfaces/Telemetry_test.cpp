@@ -4,7 +4,7 @@
 
 #include <thread>
 
-using namespace probemond::ifaces;
+using namespace probemond;
 
 namespace {
 

@@ -2,16 +2,14 @@
 
 #include "common/Log.h"
 
-using probemond::CommandRun;
-using probemond::kIp;
-using probemond::runCommand;
+namespace probemond {
 
-IpRuleManager::IpRuleManager(probemond::CommandExecutor& executor) : executor_(executor) {
+IpRuleManager::IpRuleManager(CommandExecutor& executor) : executor_(executor) {
     LOGD("%s called", "IpRuleManager");
 }
 
 int32_t IpRuleManager::addIpRule(const char* table, const char* fwmark, const char* prio) {
-    probemond::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     // Whatever holds the priority goes first, so the add never duplicates it.
     const CommandRun del = runCommand(executor_, kIp, "rule del prio %s", prio);
     if (!del.started) LOGW("%s Failue to del ip rule or rule not exist: %s", "addIpRule", del.line);
@@ -25,7 +23,7 @@ int32_t IpRuleManager::addIpRule(const char* table, const char* fwmark, const ch
 }
 
 int32_t IpRuleManager::delIpRule(const char* prio) {
-    probemond::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     const CommandRun del = runCommand(executor_, kIp, "rule del prio %s", prio);
     if (!del.started) {
         LOGE("%s Failue to delete ip rule: %s", "delIpRule", del.line);
@@ -33,3 +31,5 @@ int32_t IpRuleManager::delIpRule(const char* prio) {
     }
     return 0;
 }
+
+}  // namespace probemond

@@ -7,10 +7,12 @@
 #include "common/ThreadAnnotations.h"
 #include "netctl/WrapperCommand.h"
 
+namespace probemond {
+
 class IpRuleManager {
 public:
     // `executor` must outlive the manager.
-    explicit IpRuleManager(probemond::CommandExecutor& executor);
+    explicit IpRuleManager(CommandExecutor& executor);
     IpRuleManager(const IpRuleManager&) = delete;
     IpRuleManager& operator=(const IpRuleManager&) = delete;
 
@@ -20,6 +22,8 @@ public:
     int32_t delIpRule(const char* prio) PM_EXCLUDES(mutex_);
 
 private:
-    probemond::CommandExecutor& executor_;
-    probemond::Mutex mutex_;
+    CommandExecutor& executor_;
+    Mutex mutex_;
 };
+
+}  // namespace probemond

@@ -6,12 +6,9 @@
 #include "netctl/SockDiag.h"
 #include "netctl/UidText.h"
 
-using probemond::formatBounded;
-using probemond::kChainNameSize;
-using probemond::kIptables;
-using probemond::runCommand;
+namespace probemond {
 
-int32_t probemond::KernelSocketKiller::killUidSockets(const char* uid) { return ::killUidSockets(uid); }
+int32_t KernelSocketKiller::killUidSockets(const char* uid) { return probemond::killUidSockets(uid); }
 
 namespace {
 
@@ -40,22 +37,22 @@ constexpr const char* kChainTree[] = {
 };
 
 bool refuseBadUid(const char* caller, const char* uid) {
-    if (probemond::isValidUidText(uid)) return false;
-    LOGE("%s Invalid uid %s", caller, probemond::printableForLog(uid).c_str());
+    if (isValidUidText(uid)) return false;
+    LOGE("%s Invalid uid %s", caller, printableForLog(uid).c_str());
     return true;
 }
 
 }  // namespace
 
-IptablesRuleManager::IptablesRuleManager(probemond::CommandExecutor& executor, probemond::SocketKiller& killer)
+IptablesRuleManager::IptablesRuleManager(CommandExecutor& executor, SocketKiller& killer)
     : executor_(executor), killer_(killer) {
     LOGD("%s called", "IptablesRuleManager");
-    probemond::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     for (const char* args : kChainTree) runCommand(executor_, kIptables, "%s", args);
 }
 
 void IptablesRuleManager::initMangleRules(const char* iface, const char* mark) {
-    probemond::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     char chain[kChainNameSize] = {};
     formatBounded(chain, sizeof(chain), "kest_probemon_%s", iface);
     runCommand(executor_, kIptables, "-t mangle -N %s", chain);
@@ -68,7 +65,7 @@ void IptablesRuleManager::initMangleRules(const char* iface, const char* mark) {
 }
 
 void IptablesRuleManager::initNatRules(const char* iface) {
-    probemond::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     // Delete first so exactly one MASQUERADE rule exists per interface.
     runCommand(executor_, kIptables, "-t nat -D kest_masquerade -o %s -j MASQUERADE", iface);
     runCommand(executor_, kIptables, "-t nat -A kest_masquerade -o %s -j MASQUERADE", iface);
@@ -78,14 +75,14 @@ int32_t IptablesRuleManager::addUid(const char* uid) {
     // The UID reaches a shell command line.
     if (refuseBadUid("addUid", uid)) return 0;
     LOGD("Add uid %s", uid);
-    probemond::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     runCommand(executor_, kIptables, "-t mangle -D kest_probemon_uid -m owner --uid-owner %s -j kest_probemon_iface",
                uid);
     runCommand(executor_, kIptables, "-t nat -D kest_probemon_snat -m owner --uid-owner %s -j kest_masquerade", uid);
     runCommand(executor_, kIptables, "-t mangle -I kest_probemon_uid -m owner --uid-owner %s -j kest_probemon_iface",
                uid);
     runCommand(executor_, kIptables, "-t nat -I kest_probemon_snat -m owner --uid-owner %s -j kest_masquerade", uid);
-    probemond::MutexLock listLock(uidListLock_);
+    MutexLock listLock(uidListLock_);
     uidList.emplace_back(uid);
     return 0;
 }
@@ -94,11 +91,11 @@ int32_t IptablesRuleManager::delUid(const char* uid) {
     // Bad text changes nothing, as in addUid, and never reaches the log verbatim.
     if (refuseBadUid("delUid", uid)) return 0;
     {
-        probemond::MutexLock listLock(uidListLock_);
+        MutexLock listLock(uidListLock_);
         uidList.clear();
     }
     LOGD("Delete uid %s", uid);
-    probemond::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     runCommand(executor_, kIptables, "-t mangle -F kest_probemon_uid");
     runCommand(executor_, kIptables, "-t nat -F kest_probemon_snat");
     return 0;
@@ -129,14 +126,14 @@ int32_t IptablesRuleManager::selectIface(const char* iface, bool killSockets) {
 }
 
 void IptablesRuleManager::enableAutoSelect(const char* iface) {
-    probemond::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_auto");
     runCommand(executor_, kIptables, "-t mangle -I kest_probemon_iface_auto -j kest_probemon_%s", iface);
     killListedUidSockets("enableAutoSelect");
 }
 
 void IptablesRuleManager::disableAutoSelect() {
-    probemond::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_auto");
 }
 
@@ -153,6 +150,8 @@ void IptablesRuleManager::killListedUidSockets(const char* caller) {
 }
 
 std::vector<std::string> IptablesRuleManager::uidListSnapshot() const {
-    probemond::MutexLock listLock(uidListLock_);
+    MutexLock listLock(uidListLock_);
     return uidList;
 }
+
+}  // namespace probemond

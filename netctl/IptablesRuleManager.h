@@ -25,12 +25,10 @@ public:
     int32_t killUidSockets(const char* uid) override;
 };
 
-}  // namespace probemond
-
 class IptablesRuleManager {
 public:
     // Builds the chain tree. `executor` and `killer` must outlive the manager.
-    IptablesRuleManager(probemond::CommandExecutor& executor, probemond::SocketKiller& killer);
+    IptablesRuleManager(CommandExecutor& executor, SocketKiller& killer);
     IptablesRuleManager(const IptablesRuleManager&) = delete;
     IptablesRuleManager& operator=(const IptablesRuleManager&) = delete;
 
@@ -53,9 +51,11 @@ public:
 private:
     void killListedUidSockets(const char* caller) PM_EXCLUDES(uidListLock_);
 
-    probemond::CommandExecutor& executor_;
-    probemond::SocketKiller& killer_;
-    probemond::Mutex mutex_;  // serialises command sequences
-    mutable probemond::Mutex uidListLock_;  // short: never held across a command or a socket kill
+    CommandExecutor& executor_;
+    SocketKiller& killer_;
+    Mutex mutex_;  // serialises command sequences
+    mutable Mutex uidListLock_;  // short: never held across a command or a socket kill
     std::vector<std::string> uidList PM_GUARDED_BY(uidListLock_);
 };
+
+}  // namespace probemond

@@ -16,6 +16,8 @@
 #include "netctl/IpRuleManager.h"
 #include "netctl/IptablesRuleManager.h"
 
+using namespace probemond;
+
 using probemond::test::LogCapture;
 using probemond::test::RecordingCommandExecutor;
 using Lines = std::vector<std::string>;

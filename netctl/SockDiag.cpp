@@ -240,8 +240,12 @@ int32_t SockDiag::killUid(const char* uid) {
 }  // namespace net
 }  // namespace android
 
+namespace probemond {
+
 int32_t killUidSockets(const char* uid) {
     android::net::SockDiag sd;
     if (!sd.open()) return -1;
     return sd.killUid(uid);
 }
+
+}  // namespace probemond

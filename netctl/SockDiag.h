@@ -15,7 +15,9 @@
 // uid as decimal text (not validated here: text that is not a number means
 // UID 0). -1 when the netlink sockets cannot be set up, otherwise the result
 // of the UDP pass (0 or a negative errno).
+namespace probemond {
 int32_t killUidSockets(const char* uid);
+}  // namespace probemond
 
 namespace android {
 namespace net {

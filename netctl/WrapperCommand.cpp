@@ -54,11 +54,11 @@ CommandRun runCommand(CommandExecutor& executor, const WrapperTool& tool, const 
     return run;
 }
 
-}  // namespace probemond
-
-bool runWrapperCommand(probemond::CommandExecutor& executor, const char* command, const char* failureFormat) {
+bool runWrapperCommand(CommandExecutor& executor, const char* command, const char* failureFormat) {
     const bool started =
             executor.execute(command, [](const char* piece) { LOGD("PROBEMOND EXECNETD RESP %s", piece); });
     if (!started) LOGE(failureFormat, command);
     return started;
 }
+
+}  // namespace probemond

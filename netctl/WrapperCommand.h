@@ -45,7 +45,7 @@ struct CommandRun {
 CommandRun runCommand(CommandExecutor& executor, const WrapperTool& tool, const char* argsFormat, ...)
         __attribute__((format(printf, 3, 4)));
 
-}  // namespace probemond
-
 // True when the command was started, whatever it printed or returned.
-bool runWrapperCommand(probemond::CommandExecutor& executor, const char* command, const char* failureFormat);
+bool runWrapperCommand(CommandExecutor& executor, const char* command, const char* failureFormat);
+
+}  // namespace probemond

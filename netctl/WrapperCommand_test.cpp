@@ -15,6 +15,8 @@
 
 #include "LogCapture.h"
 
+using namespace probemond;
+
 using probemond::test::LogCapture;
 using Lines = std::vector<std::string>;
 

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace icmp {
+namespace probemond::icmp {
 
 uint16_t checksum(const uint8_t* data) {
     uint32_t sum = 0;
@@ -78,4 +78,4 @@ ReplyInfo checkEchoReply(uint8_t* buffer, size_t bufferSize, in_addr destination
     return info;
 }
 
-}  // namespace icmp
+}  // namespace probemond::icmp

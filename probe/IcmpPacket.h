@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace icmp {
+namespace probemond::icmp {
 
 constexpr size_t kRequestSize = 56;
 constexpr size_t kReceiveBufferSize = 4096;
@@ -55,4 +55,4 @@ struct ReplyInfo {
 ReplyInfo checkEchoReply(uint8_t* buffer, size_t bufferSize, in_addr destination, uint16_t sequence,
                          const timeval& sent, const timeval& received);
 
-}  // namespace icmp
+}  // namespace probemond::icmp

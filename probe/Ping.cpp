@@ -16,6 +16,8 @@
 #include "common/Properties.h"
 #include "probe/IcmpPacket.h"
 
+namespace probemond {
+
 namespace {
 
 constexpr const char* kTimeoutProperty = "vendor.kest.probemond.ping_timeout";
@@ -26,7 +28,7 @@ constexpr int kResolveAttempts = 3;
 // Shared by every ping worker; last writer wins.
 std::atomic<bool> pingDebugEnabled{false};
 
-int readTimeout() { return probemond::readIntProperty(kTimeoutProperty, kTimeoutDefault); }
+int readTimeout() { return readIntProperty(kTimeoutProperty, kTimeoutDefault); }
 
 // strerror's buffer is shared between threads; several workers log at once.
 const char* errorText(int err, char* buf, size_t len) { return strerror_r(err, buf, len); }
@@ -116,7 +118,7 @@ int32_t Ping::ping(const char* iface, const char* server) {
                 LOGE("Failed to recv on %s (%s)", iface, errorText(errno, errBuf, sizeof(errBuf)));
                 continue;
             }
-            pingDebugEnabled.store(probemond::readDebugFlag(kDebugProperty));
+            pingDebugEnabled.store(readDebugFlag(kDebugProperty));
             timeval arrived{};
             gettimeofday(&arrived, nullptr);
 
@@ -165,3 +167,5 @@ int32_t Ping::ping(const char* iface, const char* server) {
     ++sequenceNumber;
     return result;
 }
+
+}  // namespace probemond

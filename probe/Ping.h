@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+namespace probemond {
+
 class Ping {
 public:
     // Sends one echo request to `server` through `iface` and waits for its
@@ -15,3 +17,5 @@ public:
     // came back (or it never got to send), as opposed to a reply that slow.
     bool lastProbeFailed = false;
 };
+
+}  // namespace probemond

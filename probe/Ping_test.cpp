@@ -13,6 +13,8 @@
 #include "TempPropertyFile.h"
 #include "probe/IcmpPacket.h"
 
+using namespace probemond;
+
 using probemond::test::LogCapture;
 using probemond::test::TempPropertyFile;
 

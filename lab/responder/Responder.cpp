@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace lab {
+namespace probemond::lab {
 
 namespace {
 
@@ -126,4 +126,4 @@ std::vector<Outgoing> plan(const Settings& s, const uint8_t* icmp, size_t len, i
     return out;
 }
 
-}  // namespace lab
+}  // namespace probemond::lab

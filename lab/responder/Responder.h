@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace lab {
+namespace probemond::lab {
 
 enum class Fault { kOff, kSilent, kWrongSeq, kBadChecksum, kForeignSource, kUnreachable, kDuplicate };
 
@@ -40,4 +40,4 @@ std::vector<Outgoing> plan(const Settings& s, const uint8_t* icmp, size_t len, i
 // Standard Internet checksum over `len` bytes, never 0x0000 (0xFFFF instead).
 uint16_t internetChecksum(const uint8_t* data, size_t len);
 
-}  // namespace lab
+}  // namespace probemond::lab

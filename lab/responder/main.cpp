@@ -94,16 +94,16 @@ struct ControlValue {
 
 struct InterfaceControl {
     ControlValue delay, loss, fault;
-    lab::Settings settings;
+    probemond::lab::Settings settings;
 
-    lab::Settings current(const std::string& iface) {
+    probemond::lab::Settings current(const std::string& iface) {
         delay.refresh();
         loss.refresh();
         fault.refresh();
-        lab::Settings s;
+        probemond::lab::Settings s;
         s.delayMs = delay.present ? atoi(delay.text.c_str()) : 0;
         s.lossPercent = loss.present ? atoi(loss.text.c_str()) : 0;
-        if (fault.present && !lab::parseFault(fault.text, &s)) {
+        if (fault.present && !probemond::lab::parseFault(fault.text, &s)) {
             logLine("%s: unknown fault '%s', treated as off", iface.c_str(), fault.text.c_str());
         }
         if (s.delayMs < 0) s.delayMs = 0;
@@ -115,7 +115,7 @@ struct Pending {
     int64_t dueNs;  // CLOCK_MONOTONIC
     uint64_t serial;
     int ifindex;
-    lab::Outgoing packet;
+    probemond::lab::Outgoing packet;
     bool operator>(const Pending& o) const {
         return dueNs != o.dueNs ? dueNs > o.dueNs : serial > o.serial;
     }
@@ -234,7 +234,7 @@ void Responder::onRequest() {
         const std::string iface = interfaceFor(ifindex);
         if (iface.empty()) continue;
 
-        const lab::Settings s = controlFor(iface).current(iface);
+        const probemond::lab::Settings s = controlFor(iface).current(iface);
         uint16_t seq;
         memcpy(&seq, icmp + 6, 2);
         char fromText[16], toText[16];
@@ -245,8 +245,8 @@ void Responder::onRequest() {
             logLine("%s %s->%s seq %u: lost", iface.c_str(), fromText, toText, ntohs(seq));
             continue;
         }
-        const std::vector<lab::Outgoing> out =
-                lab::plan(s, icmp, static_cast<size_t>(n) - ihl, from, to, buf);
+        const std::vector<probemond::lab::Outgoing> out =
+                probemond::lab::plan(s, icmp, static_cast<size_t>(n) - ihl, from, to, buf);
         logLine("%s %s->%s seq %u: delay %d fault %d, %zu packet(s)", iface.c_str(), fromText,
                 toText, ntohs(seq), s.delayMs, static_cast<int>(s.fault), out.size());
         // Measure the delay from the kernel's arrival stamp, on the monotonic clock.

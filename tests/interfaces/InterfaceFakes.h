@@ -28,7 +28,7 @@ bool waitUntil(Pred done, int ms = 5000) {
 }
 
 // Probes answer `rtt` and record the server asked.
-struct FakeProbes : ifaces::RttProberFactory {
+struct FakeProbes : RttProberFactory {
     std::atomic<int32_t> rtt{30};
 
     Strings servers() {
@@ -36,7 +36,7 @@ struct FakeProbes : ifaces::RttProberFactory {
         return asked;
     }
 
-    struct Prober : ifaces::RttProber {
+    struct Prober : RttProber {
         FakeProbes& p;
         explicit Prober(FakeProbes& probes) : p(probes) {}
         int32_t ping(const char*, const char* server) override {
@@ -45,7 +45,7 @@ struct FakeProbes : ifaces::RttProberFactory {
             return p.rtt;
         }
     };
-    std::unique_ptr<ifaces::RttProber> create(const InterfaceInfo&) override {
+    std::unique_ptr<RttProber> create(const InterfaceInfo&) override {
         return std::make_unique<Prober>(*this);
     }
 
@@ -56,7 +56,7 @@ struct FakeProbes : ifaces::RttProberFactory {
 // Records every sleep and never really sleeps. Once stepped, each sleep
 // waits for the test's next release(): every sleeping thread's loop then
 // moves exactly one turn.
-class FakeSleeper : public ifaces::Sleeper {
+class FakeSleeper : public Sleeper {
 public:
     void sleepUs(uint32_t us) override {
         std::unique_lock<std::mutex> l(lock_);
@@ -94,7 +94,7 @@ private:
 };
 
 // Records the client callbacks and the firewall calls, in one order.
-class Recorder : public ifaces::AutoSelectNotifier, public ifaces::SteeringControl {
+class Recorder : public AutoSelectNotifier, public SteeringControl {
 public:
     int32_t notify(const std::string& iface) override { return add("notify " + iface); }
     void initMangleRules(const char* iface, const char* mark) override {
@@ -132,7 +132,7 @@ private:
 };
 
 // Runs each thread on a std::thread that join() waits for.
-struct JoiningLauncher : ifaces::ThreadLauncher {
+struct JoiningLauncher : ThreadLauncher {
     std::atomic<int> started{0};
 
     int start(std::function<void()> body) override {

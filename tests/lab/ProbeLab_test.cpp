@@ -12,6 +12,8 @@
 #include "TempPropertyFile.h"
 #include "probe/Ping.h"
 
+using namespace probemond;
+
 using namespace probemond::test;
 
 namespace {

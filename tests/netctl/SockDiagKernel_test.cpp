@@ -23,6 +23,8 @@
 
 #include "LogCapture.h"
 
+using namespace probemond;
+
 using android::base::unique_fd;
 using probemond::test::LogCapture;
 

@@ -15,6 +15,8 @@
 #include "netctl/IpRuleManager.h"
 #include "netctl/IptablesRuleManager.h"
 
+using namespace probemond;
+
 using Lines = std::vector<std::string>;
 using namespace std::string_literals;
 
@@ -25,7 +27,7 @@ struct NoKill : probemond::SocketKiller {
 };
 
 Lines everyCommandLine() {
-    using namespace probemond::ifaces;
+    using namespace probemond;
     probemond::test::RecordingCommandExecutor rec;
     NoKill none;
     IptablesRuleManager ipt(rec, none);

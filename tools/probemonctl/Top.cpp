@@ -22,7 +22,7 @@
 
 using namespace android;
 
-namespace probemonctl {
+namespace probemond::ctl {
 
 namespace {
 
@@ -326,4 +326,4 @@ int runTop(int argc, char** argv) {
     return 0;
 }
 
-}  // namespace probemonctl
+}  // namespace probemond::ctl

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace probemonctl {
+namespace probemond::ctl {
 
 struct TopRow {
     std::string name;
@@ -42,4 +42,4 @@ std::vector<std::string> renderTop(const TopFrame& frame);
 // `top [--interval SECONDS] [--once]`; argv holds the words after "top".
 int runTop(int argc, char** argv);
 
-}  // namespace probemonctl
+}  // namespace probemond::ctl

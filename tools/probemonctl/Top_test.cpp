@@ -4,7 +4,7 @@
 
 #include "daemon/KestNetworkProbeMondDump.h"
 
-using namespace probemond::ifaces;
+using namespace probemond;
 
 namespace {
 
@@ -39,7 +39,7 @@ std::string sampleDump() {
 }
 
 TEST(Top, OneRowPerInterfaceThenTheSelection) {
-    const std::vector<std::string> lines = probemonctl::renderTop(probemonctl::parseDump(sampleDump()));
+    const std::vector<std::string> lines = probemond::ctl::renderTop(probemond::ctl::parseDump(sampleDump()));
     ASSERT_GE(lines.size(), 12u);
     std::string all;
     int rows = 0;

@@ -222,7 +222,7 @@ int main(int argc, char** argv) {
         if (extra != 0) return usage("dump takes no argument");
         return runDump();
     }
-    if (cmd == "top") return probemonctl::runTop(extra, argv + 2);
+    if (cmd == "top") return probemond::ctl::runTop(extra, argv + 2);
     if (cmd == "watch") {
         long long reply = 0;
         if (extra == 2 && strcmp(argv[2], "--reply") == 0) {
