@@ -41,7 +41,9 @@ void InterfaceManager::initInterfaceInfoAndMap() {
         info->prio = interfacePrios[row];
         info->pingServer = startServer;
         info->pingInterval = 1;
-        const bool data = isDataInterface(info->name);
+        // A record is cellular when "rmnet_data" appears anywhere in its name;
+        // the selection predicates test the prefix only.
+        const bool data = info->name.find("rmnet_data") != std::string::npos;
         info->rtt = data ? 50 : 30;
         info->mrtt = data ? 50 : 30;
         info->isWifi = !data;

@@ -15,7 +15,7 @@ extern const char* const interfaceNames[];
 extern const char* const interfaceFwmarks[];
 extern const char* const interfacePrios[];
 
-// Cellular interfaces are named rmnet_data<N>; every other one is Wi-Fi.
+// Whether a selected name is a cellular one: it begins with "rmnet_data".
 bool isDataInterface(const std::string& name);
 
 }  // namespace probemond
