@@ -93,15 +93,7 @@ public:
     // candidates; the process ends when that thread cannot start.
     void enableAutoSelect(const char* ifaces);
     void disableAutoSelect();
-    bool switchInterface(std::vector<InterfaceInfo*> ifaces) PM_REQUIRES(engine_.mutex()) {
-        return engine_.switchInterface(ifaces);
-    }
-    InterfaceInfo* getCurrBestIfaceInfo(std::vector<InterfaceInfo*> ifaces) {
-        return engine_.getCurrBestIfaceInfo(ifaces);
-    }
 
-    std::string userSelectIfaceCopy() const { return selection_.user(); }
-    std::string autoSelectIfaceCopy() const { return selection_.autoIface(); }
     const InterfaceMap& interfaces() const { return ifaceMap; }
     InterfaceManagerSnapshot snapshot() const;
 

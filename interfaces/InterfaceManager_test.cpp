@@ -112,7 +112,7 @@ TEST(Selection, FirstChangeRepeatAndUnknownNames) {
                        "selectInterface prev=rmnet_data0, curr=wlan1, kill=1",
                        "addInterfaceIpRule Invalid interface wlan9", "delInterfaceIpRule Invalid interface "}),
               log.texts());
-    EXPECT_EQ("wlan1", fake.m.userSelectIfaceCopy());
+    EXPECT_EQ("wlan1", fake.m.snapshot().userSelectIface);
 }
 
 }  // namespace
