@@ -1,14 +1,5 @@
 #include "daemon/KestNetworkProbeMond.h"
 
-#include <errno.h>
-#include <limits.h>
-#include <poll.h>
-#include <signal.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <algorithm>
-
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 #include "common/Log.h"
@@ -17,60 +8,6 @@
 #include "netctl/IptablesRuleManager.h"
 
 namespace android {
-namespace {
-
-// A dump reader that goes away must not kill the daemon with SIGPIPE: the
-// signal is blocked on this thread while writing and a pending one is eaten.
-class ScopedSigpipeBlock {
-public:
-    ScopedSigpipeBlock() {
-        sigset_t pipeOnly;
-        sigemptyset(&pipeOnly);
-        sigaddset(&pipeOnly, SIGPIPE);
-        blocked_ = pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous_) == 0;
-    }
-    ~ScopedSigpipeBlock() {
-        if (!blocked_) return;
-        sigset_t pipeOnly;
-        sigemptyset(&pipeOnly);
-        sigaddset(&pipeOnly, SIGPIPE);
-        const struct timespec noWait = {0, 0};
-        while (sigtimedwait(&pipeOnly, nullptr, &noWait) == SIGPIPE) {
-        }
-        pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
-    }
-    ScopedSigpipeBlock(const ScopedSigpipeBlock&) = delete;
-    ScopedSigpipeBlock& operator=(const ScopedSigpipeBlock&) = delete;
-
-private:
-    sigset_t previous_;
-    bool blocked_ = false;
-};
-
-// A reader that stops draining must not hold a binder thread for ever: each
-// chunk waits at most this long for room. Chunks of PIPE_BUF never block once
-// poll reports the pipe writable.
-constexpr int kDumpWriteTimeoutMs = 2000;
-
-status_t writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        pollfd p{fd, POLLOUT, 0};
-        int ready = poll(&p, 1, kDumpWriteTimeoutMs);
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready == 0) return -ETIMEDOUT;
-        if (ready < 0) return -errno;
-        if (p.revents & (POLLERR | POLLNVAL)) return -EPIPE;
-        size_t chunk = std::min<size_t>(text.size() - done, PIPE_BUF);
-        ssize_t n = write(fd, text.data() + done, chunk);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return -errno;
-        done += static_cast<size_t>(n);
-    }
-    return OK;
-}
-
-}  // namespace
 
 KestNetworkProbeMond::KestNetworkProbeMond(probemond::InterfaceManager& interfaces,
                                            probemond::IptablesRuleManager& iptables)
@@ -157,8 +94,7 @@ int32_t KestNetworkProbeMond::disableAutoSelectInternal() {
 }
 
 status_t KestNetworkProbeMond::dump(int fd, const Vector<String16>& /*args*/) {
-    ScopedSigpipeBlock noSigpipe;
-    return writeAll(fd, probemond::formatState(interfaces_.snapshot(), iptables_.uidListSnapshot()));
+    return probemond::writeState(fd, interfaces_.snapshot(), iptables_.uidListSnapshot());
 }
 
 }  // namespace android

@@ -1,13 +1,67 @@
 #include "daemon/KestNetworkProbeMondDump.h"
 
+#include <errno.h>
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
-
 
 namespace probemond {
 namespace {
+
+// A dump reader that goes away must not kill the daemon with SIGPIPE: the
+// signal is blocked on this thread while writing and a pending one is eaten.
+class ScopedSigpipeBlock {
+public:
+    ScopedSigpipeBlock() {
+        sigset_t pipeOnly;
+        sigemptyset(&pipeOnly);
+        sigaddset(&pipeOnly, SIGPIPE);
+        blocked_ = pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous_) == 0;
+    }
+    ~ScopedSigpipeBlock() {
+        if (!blocked_) return;
+        sigset_t pipeOnly;
+        sigemptyset(&pipeOnly);
+        sigaddset(&pipeOnly, SIGPIPE);
+        const struct timespec noWait = {0, 0};
+        while (sigtimedwait(&pipeOnly, nullptr, &noWait) == SIGPIPE) {
+        }
+        pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+    }
+    ScopedSigpipeBlock(const ScopedSigpipeBlock&) = delete;
+    ScopedSigpipeBlock& operator=(const ScopedSigpipeBlock&) = delete;
+
+private:
+    sigset_t previous_;
+    bool blocked_ = false;
+};
+
+// Chunks of PIPE_BUF never block once poll reports the pipe writable.
+constexpr int kDumpWriteTimeoutMs = 2000;
+
+int writeAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        pollfd p{fd, POLLOUT, 0};
+        int ready = poll(&p, 1, kDumpWriteTimeoutMs);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready == 0) return -ETIMEDOUT;
+        if (ready < 0) return -errno;
+        if (p.revents & (POLLERR | POLLNVAL)) return -EPIPE;
+        size_t chunk = std::min<size_t>(text.size() - done, PIPE_BUF);
+        ssize_t n = write(fd, text.data() + done, chunk);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return -errno;
+        done += static_cast<size_t>(n);
+    }
+    return 0;
+}
 
 const char* orNone(const std::string& s) { return s.empty() ? "(none)" : s.c_str(); }
 
@@ -25,7 +79,7 @@ std::string wallClock(int64_t unixMs) {
 }
 
 void formatSwitches(std::ostringstream& out, const char* title,
-                    const probemond::SwitchHistory& h) {
+                    const SwitchHistory& h) {
     out << title << ": count=" << h.count << " lastMsAgo=" << msAgo(h.msSinceLast) << "\n";
     for (const auto& r : h.recent) {
         out << "  " << wallClock(r.wallMs) << " " << orNone(r.from) << " (" << r.fromMrtt
@@ -63,6 +117,12 @@ std::string formatState(const InterfaceManagerSnapshot& state, const std::vector
     formatSwitches(out, "autoSelect switches", state.autoSwitches);
     formatSwitches(out, "manual selections", state.manualSelections);
     return out.str();
+}
+
+int writeState(int fd, const InterfaceManagerSnapshot& state, const std::vector<std::string>& uids) {
+    const std::string text = formatState(state, uids);
+    ScopedSigpipeBlock noSigpipe;
+    return writeAll(fd, text);
 }
 
 }  // namespace probemond

@@ -7,9 +7,8 @@
 
 namespace {
 
-// The only host-specific line of the daemon: host liblog drops debug lines
-// unless asked, while a device's logd keeps them, and most of this daemon's
-// trace is debug.
+// Host liblog drops debug lines unless asked, while a device's logd keeps
+// them, and most of this daemon's trace is debug.
 void showDebugLinesOnHost() {
 #ifdef PROBEMOND_HOST
     __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);

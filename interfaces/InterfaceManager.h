@@ -17,44 +17,12 @@
 #include "interfaces/PingContext.h"
 #include "interfaces/PingServers.h"
 #include "interfaces/Selection.h"
+#include "interfaces/Snapshot.h"
 #include "interfaces/Telemetry.h"
 
 namespace probemond {
 
 class PingWorker;
-
-// Read-only copies for the state dump; taking them never waits on ifaceMutex.
-struct InterfaceSnapshot {
-    std::string name;
-    std::string fwmark;
-    std::string prio;
-    std::string pingServer;
-    bool isPingThreadRunning = false;
-    bool isPingThreadSuspended = false;
-    bool isPingThreadAlive = false;
-    bool isControlByAutoSelect = false;
-    bool isWifi = false;
-    int32_t rtt = 0;
-    int32_t mrtt = 0;
-    uint32_t switchCount = 0;
-    std::vector<int32_t> rttHistory;
-    uint64_t probes = 0;
-    uint64_t probesFailed = 0;
-    int historyFailurePercent = 0;
-    int64_t msSinceLastProbe = -1;
-    uint64_t serverRotations = 0;
-};
-
-struct InterfaceManagerSnapshot {
-    std::string userSelectIface;
-    std::string autoSelectIface;
-    bool isAutoSelectEnabled = false;
-    bool isAutoSelectForcePing = false;
-    bool rttDebug = false;
-    std::vector<InterfaceSnapshot> interfaces;  // map order
-    SwitchHistory autoSwitches;
-    SwitchHistory manualSelections;
-};
 
 class InterfaceManager : private PingContext {
 public:
@@ -71,7 +39,7 @@ public:
     InterfaceManager& operator=(const InterfaceManager&) = delete;
 
     // Starts one ping worker per record through the launcher, for the life
-    // of the process. Called once, after the manager has been published.
+    // of the process.
     void initAllPingThread();
 
     InterfaceInfo* getIfaceInfo(std::string name);

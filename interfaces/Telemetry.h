@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <deque>
 #include <string>
-#include <vector>
 
 #include "common/ThreadAnnotations.h"
+#include "interfaces/Snapshot.h"
 
 namespace probemond {
 
@@ -44,20 +44,6 @@ public:
 private:
     uint32_t bits_ = 0;  // bit 0 is the newest result
     size_t size_ = 0;
-};
-
-struct SwitchRecord {
-    int64_t wallMs = 0;  // Unix time in ms
-    std::string from;    // "" when nothing was selected before
-    int32_t fromMrtt = 0;
-    std::string to;
-    int32_t toMrtt = 0;
-};
-
-struct SwitchHistory {
-    uint64_t count = 0;
-    int64_t msSinceLast = -1;           // -1 when none yet
-    std::vector<SwitchRecord> recent;   // oldest first
 };
 
 // The selection changes of one kind (auto-select or manual): a total and

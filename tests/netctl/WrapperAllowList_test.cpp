@@ -11,7 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "RecordingCommandExecutor.h"
-#include "interfaces/InterfaceManager.h"
+#include "interfaces/InterfaceTable.h"
 #include "netctl/IpRuleManager.h"
 #include "netctl/IptablesRuleManager.h"
 

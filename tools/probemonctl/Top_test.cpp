@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "daemon/KestNetworkProbeMondDump.h"
+#include "interfaces/InterfaceTable.h"
 
 using namespace probemond;
 
