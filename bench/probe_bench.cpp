@@ -19,7 +19,7 @@ int main(int argc, char** argv) {
     Ping ping;
     for (int i = 0; i < count; ++i) {
         if (i > 0) usleep(static_cast<useconds_t>(intervalMs) * 1000);
-        printf("%d\n", ping.ping(argv[1], argv[2]));
+        printf("%d\n", ping.ping(argv[1], argv[2]).rtt);
         fflush(stdout);
     }
     return 0;

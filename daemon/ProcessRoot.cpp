@@ -18,8 +18,7 @@ namespace {
 
 class PingProber : public RttProber {
 public:
-    int32_t ping(const char* iface, const char* server) override { return ping_.ping(iface, server); }
-    bool lastProbeFailed() const override { return ping_.lastProbeFailed; }
+    ProbeResult ping(const char* iface, const char* server) override { return ping_.ping(iface, server); }
 
 private:
     Ping ping_;  // each worker keeps its own sequence numbers

@@ -10,6 +10,7 @@
 
 #include "LogCapture.h"
 #include "TempPropertyFile.h"
+#include "common/Properties.h"
 #include "interfaces/InterfaceManager.h"
 #include "tests/interfaces/InterfaceFakes.h"
 

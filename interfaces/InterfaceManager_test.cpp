@@ -5,6 +5,7 @@
 
 #include "LogCapture.h"
 #include "TempPropertyFile.h"
+#include "common/Properties.h"
 #include "tests/interfaces/InterfaceFakes.h"
 
 using namespace probemond;

@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include "common/ProbeResult.h"
+
 namespace probemond {
 
 struct InterfaceInfo;
@@ -16,11 +18,7 @@ struct InterfaceInfo;
 class RttProber {
 public:
     virtual ~RttProber() = default;
-    // Returns the RTT in ms, or the ping timeout when nothing answered.
-    virtual int32_t ping(const char* iface, const char* server) = 0;
-    // Whether the last ping's result was the timeout standing in for a
-    // failure (bind, resolve, send, no acceptable reply), not a slow answer.
-    virtual bool lastProbeFailed() const { return false; }
+    virtual ProbeResult ping(const char* iface, const char* server) = 0;
 };
 
 class RttProberFactory {

@@ -5,8 +5,6 @@
 
 namespace probemond {
 
-inline constexpr const char* kRttDebugProperty = "vendor.kest.probemond.rtt_debug";
-
 class PingContext {
 public:
     virtual ~PingContext() = default;

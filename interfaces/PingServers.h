@@ -18,8 +18,6 @@ inline constexpr size_t kGlobalServerCount = 4;
 extern const char* const cnPingServers[];
 extern const char* const globalPingServers[];
 
-inline constexpr const char* kCountryProperty = "vendor.kest.operator.iso-country";
-
 // True when the operator country names China ("CN" anywhere, case-sensitive).
 inline bool countryIsCn() { return propertyContains(kCountryProperty, "TW", "CN"); }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "TempPropertyFile.h"
+#include "common/Properties.h"
 
 using namespace probemond;
 

@@ -6,6 +6,7 @@
 #include <climits>
 
 #include "common/Log.h"
+#include "common/Properties.h"
 
 namespace probemond {
 
@@ -107,12 +108,12 @@ bool PingWorker::runCycle() {
 }
 
 void PingWorker::probeOnce() {
-    const int32_t rtt = prober_->ping(info_.name.c_str(), info_.pingServer.load());
-    const bool failed = prober_->lastProbeFailed();
-    info_.counters.recordProbe(failed);
+    const ProbeResult probe = prober_->ping(info_.name.c_str(), info_.pingServer.load());
+    const int32_t rtt = probe.rtt;
+    info_.counters.recordProbe(probe.failed);
     info_.rtt = rtt;
 
-    const std::vector<int32_t> history = info_.addRtt(rtt, failed);
+    const std::vector<int32_t> history = info_.addRtt(rtt, probe.failed);
     std::vector<int32_t> sorted = history;
     std::sort(sorted.begin(), sorted.end());
     const int32_t median = medianOfSorted(sorted);

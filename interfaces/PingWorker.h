@@ -15,7 +15,6 @@
 namespace probemond {
 
 inline constexpr uint32_t kServerSwitchCount = 6;
-inline constexpr const char* kRttThresholdProperty = "vendor.kest.probemond.rtt_timeout_threshold";
 
 // Whether a worker probes in this cycle.
 struct ProbeFlags {

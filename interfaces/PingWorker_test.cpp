@@ -6,6 +6,7 @@
 
 #include "LogCapture.h"
 #include "TempPropertyFile.h"
+#include "common/Properties.h"
 #include "tests/interfaces/InterfaceFakes.h"
 
 using namespace probemond;

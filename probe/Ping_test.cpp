@@ -113,8 +113,8 @@ TEST(Ping, NullArgumentsReturnTheTimeoutAndKeepTheSequence) {
     LogCapture log;
     Ping p;
     p.sequenceNumber = 41;
-    EXPECT_EQ(200, p.ping(nullptr, "8.8.8.8"));
-    EXPECT_EQ(200, p.ping("wlan0", nullptr));
+    EXPECT_EQ(200, p.ping(nullptr, "8.8.8.8").rtt);
+    EXPECT_TRUE(p.ping("wlan0", nullptr).failed);
     EXPECT_EQ(2u, log.count("interface or server is null", ANDROID_LOG_ERROR));
     EXPECT_EQ(41, p.sequenceNumber);
 }

@@ -39,10 +39,10 @@ struct FakeProbes : RttProberFactory {
     struct Prober : RttProber {
         FakeProbes& p;
         explicit Prober(FakeProbes& probes) : p(probes) {}
-        int32_t ping(const char*, const char* server) override {
+        ProbeResult ping(const char*, const char* server) override {
             std::lock_guard<std::mutex> g(p.lock);
             p.asked.push_back(server);
-            return p.rtt;
+            return {p.rtt, false};
         }
     };
     std::unique_ptr<RttProber> create(const InterfaceInfo&) override {

@@ -10,6 +10,7 @@
 #include "Lab.h"
 #include "LogCapture.h"
 #include "TempPropertyFile.h"
+#include "common/Properties.h"
 #include "probe/Ping.h"
 
 using namespace probemond;
@@ -17,8 +18,6 @@ using namespace probemond;
 using namespace probemond::test;
 
 namespace {
-
-constexpr const char* kTimeout = "vendor.kest.probemond.ping_timeout";
 
 long msSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
@@ -56,12 +55,15 @@ TEST_F(ProbeLab, RttFollowsEachInterfacesDelay) {
         int delay;
     } links[] = {{"wlan0", "8.8.8.8", 5}, {"rmnet_data0", "223.5.5.5", 30}, {"wlan1", "1.1.1.1", 150}};
     for (const auto& l : links) ASSERT_TRUE(labDelay(l.iface, l.delay));
-    props_.set(kTimeout, "1000");
+    props_.set(kPingTimeoutProperty, "1000");
     for (const auto& l : links) {
         Ping p;
         std::vector<int32_t> rtts;
-        for (int i = 0; i < 5; ++i) rtts.push_back(p.ping(l.iface, l.server));
-        EXPECT_FALSE(p.lastProbeFailed) << l.iface;
+        for (int i = 0; i < 5; ++i) {
+            const ProbeResult r = p.ping(l.iface, l.server);
+            EXPECT_FALSE(r.failed) << l.iface;
+            rtts.push_back(r.rtt);
+        }
         // The median carries the 1 ms claim; a single sample may pay for a
         // scheduling hiccup, but never arrives early.
         std::vector<int32_t> sorted = rtts;
@@ -75,19 +77,20 @@ TEST_F(ProbeLab, RttFollowsEachInterfacesDelay) {
 
 TEST_F(ProbeLab, SilenceEndsWithTheTimeoutAndWrapsTheSequence) {
     LogCapture log;
-    props_.set(kTimeout, "500");
+    props_.set(kPingTimeoutProperty, "500");
     ASSERT_TRUE(labFault("rmnet_data3", "silent"));
     Ping p;
     p.sequenceNumber = 65535;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(500, p.ping("rmnet_data3", "8.8.4.4"));
+    const ProbeResult r = p.ping("rmnet_data3", "8.8.4.4");
+    EXPECT_EQ(500, r.rtt);
+    EXPECT_TRUE(r.failed);
     const long elapsed = msSince(start);
     EXPECT_GE(elapsed, 490);
     EXPECT_LT(elapsed, 900);
     EXPECT_EQ(0, p.sequenceNumber);
     EXPECT_EQ(1u, log.count("Failed to read socket or timeout on rmnet_data3", ANDROID_LOG_WARN))
         << log.dump();
-    EXPECT_TRUE(p.lastProbeFailed);
 }
 
 // Each kind of bad reply is logged and rejected, and the probe waits on for
@@ -100,8 +103,8 @@ TEST_F(ProbeLab, RejectedRepliesRestartTheWait) {
                  {"bad-checksum+reply", "Wrong checksum."},
                  {"unreachable+reply", "ICMP code: 1"},
                  {"foreign-source+reply", "Source does not equal to our destination."}};
-    props_.set(kTimeout, "1000");
-    props_.set("vendor.kest.probemond.ping_debug", "1");
+    props_.set(kPingTimeoutProperty, "1000");
+    props_.set(kPingDebugProperty, "1");
     ASSERT_TRUE(labDelay("wlan1", 20));
     for (const auto& c : cases) {
         SCOPED_TRACE(c.fault);
@@ -109,7 +112,7 @@ TEST_F(ProbeLab, RejectedRepliesRestartTheWait) {
         LogCapture log;
         Ping p;
         // ~40 ms; ending at the bad packet would give ~20, by timeout 1000.
-        const int32_t rtt = p.ping("wlan1", "208.67.222.222");
+        const int32_t rtt = p.ping("wlan1", "208.67.222.222").rtt;
         EXPECT_GE(rtt, 39);
         EXPECT_LE(rtt, 50);
         EXPECT_EQ(1u, log.count(c.line, ANDROID_LOG_ERROR)) << log.dump();
@@ -118,12 +121,12 @@ TEST_F(ProbeLab, RejectedRepliesRestartTheWait) {
     }
 
     // A bad reply at 60 ms starts a new full wait: no answer before 60 + 150.
-    props_.set(kTimeout, "150");
+    props_.set(kPingTimeoutProperty, "150");
     ASSERT_TRUE(labDelay("rmnet_data2", 60));
     ASSERT_TRUE(labFault("rmnet_data2", "wrong-seq"));
     Ping p;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(150, p.ping("rmnet_data2", "114.114.115.115"));
+    EXPECT_EQ(150, p.ping("rmnet_data2", "114.114.115.115").rtt);
     EXPECT_GE(msSince(start), 60 + 145);
 }
 
