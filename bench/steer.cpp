@@ -206,7 +206,7 @@ int main(int argc, char** argv) {
         iptables.killUidSocket();
         const double k = msSince(t0);
         if (reopen(slots, &ok) != static_cast<int>(slots.size())) allDestroyed = false;
-        iptables.selectIface(iface, false);
+        iptables.selectIface(iface, c % 2 == 0 ? InterfaceKind::kCellular : InterfaceKind::kWifi, false);
         const double f = runner.takeMs();
         // Mark 0x1 to the main table, where unmarked packets go anyway, at a free priority.
         ipRules.addIpRule("main", "0x1", "32000");

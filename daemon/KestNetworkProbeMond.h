@@ -42,8 +42,8 @@ public:
     int32_t disableAutoSelectInternal() override;
 
     // Writes the daemon's state as text. Reads only snapshots that never wait
-    // for the selection or firewall mutexes, so it answers even while a
-    // failure path has left one of them held.
+    // for the selection or firewall mutexes, so it answers even while
+    // selection is locked for good or a command sequence is slow.
     status_t dump(int fd, const Vector<String16>& args) override;
 
 private:

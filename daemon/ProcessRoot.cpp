@@ -49,12 +49,13 @@ public:
     RuleManagers(IptablesRuleManager& iptables, IpRuleManager& ipRules)
         : iptables_(iptables), ipRules_(ipRules) {}
 
-    void initMangleRules(const char* iface, const char* mark) override {
-        iptables_.initMangleRules(iface, mark);
+    void initMangleRules(const char* iface, const char* mark, InterfaceKind kind) override {
+        iptables_.initMangleRules(iface, mark, kind);
     }
     void initNatRules(const char* iface) override { iptables_.initNatRules(iface); }
-    int32_t selectIface(const char* iface, bool killSockets) override {
-        return iptables_.selectIface(iface, killSockets);
+    int32_t selectIface(const char* iface, InterfaceKind kind, bool killSockets) override {
+        iptables_.selectIface(iface, kind, killSockets);
+        return 0;
     }
     void enableAutoSelect(const char* iface) override { iptables_.enableAutoSelect(iface); }
     void disableAutoSelect() override { iptables_.disableAutoSelect(); }

@@ -99,11 +99,11 @@ bool AutoSelectEngine::switchInterface(const Candidates& ifaces) {
 
     const int32_t currMrtt = curr->mrtt;
     InterfaceInfo* best = nullptr;
-    if (!curr->isWifi) {
+    if (curr->kind == InterfaceKind::kCellular) {
         if (curr->rtt >= kDataForcePingRtt) isAutoSelectForcePing = true;
         best = getCurrBestIfaceInfo(ifaces);
         // Cellular leaves for any Wi-Fi, never for another cellular link.
-        if (best == nullptr || !best->isWifi) return false;
+        if (best == nullptr || best->kind != InterfaceKind::kWifi) return false;
     } else {
         if (curr->rtt >= kWifiForcePingRtt) isAutoSelectForcePing = true;
         if (currMrtt < kWifiLeaveMrtt) return false;

@@ -153,7 +153,7 @@ TEST(AutoSelectThread, SwitchesAndStopsInOrderWhileSelectionWaits) {
     EXPECT_EQ(0, selected);
     EXPECT_EQ((Strings{"disableAutoSelect", "notify ", "notify rmnet_data0", "notify wlan1",
                        "enableAutoSelect wlan1", "disableAutoSelect", "notify ",
-                       "killUidSocket", "selectIface wlan0 kill"}),
+                       "killUidSocket", "selectIface wlan0 wifi kill"}),
               fake.recorder.calls());
     EXPECT_EQ((Strings{"enableAutoSelect Auto select tries to start ping thread on wlan0",
                        "enableAutoSelect Auto select tries to start ping thread on wlan1",

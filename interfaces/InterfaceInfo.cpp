@@ -2,6 +2,15 @@
 
 namespace probemond {
 
+InterfaceInfo::InterfaceInfo(const InterfaceRow& row, const char* startServer)
+    : name(row.name),
+      pingServer(startServer),
+      fwmark(row.fwmark),
+      prio(row.prio),
+      rtt(row.startRtt),
+      mrtt(row.startRtt),
+      kind(row.kind) {}
+
 std::vector<int32_t> InterfaceInfo::addRtt(int32_t value, bool failed) {
     MutexLock g(historyLock_);
     if (rttHistory.size() >= kMaxRttHistory) rttHistory.pop_front();

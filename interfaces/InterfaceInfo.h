@@ -12,7 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "common/InterfaceKind.h"
 #include "common/ThreadAnnotations.h"
+#include "interfaces/InterfaceTable.h"
 #include "interfaces/Telemetry.h"
 
 namespace probemond {
@@ -23,22 +25,28 @@ inline constexpr size_t kMaxRttHistory = 10;
 // threads read and write without a lock (last writer wins); the history has
 // a short lock of its own.
 struct InterfaceInfo {
+    InterfaceInfo(const InterfaceRow& row, const char* startServer);
+    InterfaceInfo(const InterfaceInfo&) = delete;
+    InterfaceInfo& operator=(const InterfaceInfo&) = delete;
+
     pthread_t pingThread{};
-    std::string name;
-    std::atomic<const char*> pingServer{nullptr};
-    int32_t pingInterval = 1;
-    const char* fwmark = nullptr;
-    const char* prio = nullptr;
-    std::atomic<int32_t> rtt{0};
-    std::atomic<int32_t> mrtt{0};
+    const std::string name;
+    std::atomic<const char*> pingServer;
+    const int32_t pingInterval = 1;
+    const char* const fwmark;
+    const char* const prio;
+    std::atomic<int32_t> rtt;
+    std::atomic<int32_t> mrtt;
     std::atomic<bool> isPingThreadRunning{false};
     std::atomic<bool> isPingThreadSuspended{false};
     std::atomic<bool> isPingThreadAlive{false};
     std::atomic<bool> isControlByAutoSelect{false};
-    bool isWifi = true;
+    const InterfaceKind kind;
     std::atomic<uint32_t> switchCount{0};
 
     ProbeCounters counters;
+
+    bool isWifi() const { return kind == InterfaceKind::kWifi; }
 
     // Appends one result, dropping the oldest beyond ten; returns the
     // history as it then stands, oldest first.

@@ -34,19 +34,8 @@ InterfaceManager::~InterfaceManager() = default;
 void InterfaceManager::initInterfaceInfoAndMap() {
     LOGD("%s called", "initInterfaceInfoAndMap");
     const char* startServer = PingServers::startServer();
-    for (size_t row = 0; row < kInterfaceCount; ++row) {
-        auto info = std::make_unique<InterfaceInfo>();
-        info->name = interfaceNames[row];
-        info->fwmark = interfaceFwmarks[row];
-        info->prio = interfacePrios[row];
-        info->pingServer = startServer;
-        info->pingInterval = 1;
-        // A record is cellular when "rmnet_data" appears anywhere in its name;
-        // the selection predicates test the prefix only.
-        const bool data = info->name.find("rmnet_data") != std::string::npos;
-        info->rtt = data ? 50 : 30;
-        info->mrtt = data ? 50 : 30;
-        info->isWifi = !data;
+    for (const InterfaceRow& row : kInterfaceTable) {
+        auto info = std::make_unique<InterfaceInfo>(row, startServer);
         ifaceMap[info->name] = info.get();
         LOGD("%s interface=%s, fwmark=%s, prio=%s, ping_server=%s, ping_interval=%d",
              "initInterfaceInfoAndMap", info->name.c_str(), info->fwmark, info->prio,
@@ -59,7 +48,7 @@ void InterfaceManager::initIptablesMangleNatRules() {
     LOGD("%s called", "initIptablesMangleNatRules");
     for (auto& entry : ifaceMap) {
         InterfaceInfo* info = entry.second;
-        steering_.initMangleRules(info->name.c_str(), info->fwmark);
+        steering_.initMangleRules(info->name.c_str(), info->fwmark, info->kind);
         steering_.initNatRules(info->name.c_str());
     }
 }
@@ -85,9 +74,15 @@ InterfaceInfo* InterfaceManager::getIfaceInfo(std::string name) {
     return findInterface(ifaceMap, name);
 }
 
-bool InterfaceManager::isUserSelectData() { return isDataInterface(selection_.user()); }
+namespace {
 
-bool InterfaceManager::isAutoSelectData() { return isDataInterface(selection_.autoIface()); }
+bool isCellular(const InterfaceInfo* info) { return info != nullptr && info->kind == InterfaceKind::kCellular; }
+
+}  // namespace
+
+bool InterfaceManager::isUserSelectData() { return isCellular(getIfaceInfo(selection_.user())); }
+
+bool InterfaceManager::isAutoSelectData() { return isCellular(getIfaceInfo(selection_.autoIface())); }
 
 InterfaceManagerSnapshot InterfaceManager::snapshot() const {
     InterfaceManagerSnapshot s;
@@ -111,7 +106,7 @@ InterfaceManagerSnapshot InterfaceManager::snapshot() const {
         r.isPingThreadSuspended = info->isPingThreadSuspended;
         r.isPingThreadAlive = info->isPingThreadAlive;
         r.isControlByAutoSelect = info->isControlByAutoSelect;
-        r.isWifi = info->isWifi;
+        r.isWifi = info->isWifi();
         r.rtt = info->rtt;
         r.mrtt = info->mrtt;
         r.switchCount = info->switchCount;
@@ -259,7 +254,7 @@ int32_t InterfaceManager::selectInterface(const char* iface) {
     manualSelectLog_.record(prev ? prev->name : "", prev ? prev->mrtt.load() : 0, curr->name,
                             curr->mrtt);
     // The first selection moves no open sockets; later ones reset them.
-    steering_.selectIface(curr->name.c_str(), prev != nullptr);
+    steering_.selectIface(curr->name.c_str(), curr->kind, prev != nullptr);
     engine_.mutex().unlock();
     return 0;
 }

@@ -13,7 +13,6 @@
 #include "interfaces/AutoSelectEngine.h"
 #include "interfaces/InterfaceInfo.h"
 #include "interfaces/InterfaceSeams.h"
-#include "interfaces/InterfaceTable.h"
 #include "interfaces/PingContext.h"
 #include "interfaces/PingServers.h"
 #include "interfaces/Selection.h"

@@ -30,7 +30,7 @@ TEST(Registry, EveryInterfaceRow) {
     FakeManager fake;
     Strings chains;
     for (const Row& row : rows) {
-        chains.push_back(std::string("initMangleRules ") + row.name + " " + row.mark);
+        chains.push_back(std::string("initMangleRules ") + row.name + " " + row.mark + (row.wifi ? " wifi" : " cell"));
         chains.push_back(std::string("initNatRules ") + row.name);
     }
     EXPECT_EQ(chains, fake.recorder.calls());
@@ -69,14 +69,15 @@ TEST(PingWorkers, SuspendAndResumeReachEveryWorker) {
     m.enableAutoSelect("rmnet_data3,rmnet_data4,rmnet_data5,rmnet_data6,rmnet_data7,");
     ASSERT_TRUE(fake.sleeper.waitForSleep(1));  // the engine has begun
     m.initAllPingThread();
-    size_t sleeps = 1 + kInterfaceCount;
+    const size_t workers = std::size(kInterfaceTable);
+    size_t sleeps = 1 + workers;
     ASSERT_TRUE(fake.sleeper.waitForSleep(sleeps));
     for (const char* name : {"wlan0", "wlan1", "rmnet_data0", "rmnet_data1", "rmnet_data2"}) {
         ASSERT_EQ(0, m.startPingThread(name));
     }
     auto turn = [&] {  // one cycle of each worker, and one decision
         fake.sleeper.release();
-        sleeps += kInterfaceCount + 1;
+        sleeps += workers + 1;
         return fake.sleeper.waitForSleep(sleeps);
     };
     auto probesMade = [&](int more = 0) {
@@ -107,7 +108,7 @@ TEST(Selection, FirstChangeRepeatAndUnknownNames) {
     EXPECT_EQ(0, fake.m.selectInterface("wlan1"));  // the repeat released the mutex
     EXPECT_EQ(-1, fake.m.addInterfaceIpRule("wlan9"));
     EXPECT_EQ(-1, fake.m.delInterfaceIpRule(""));
-    EXPECT_EQ((Strings{"selectIface wlan0", "selectIface rmnet_data0 kill", "selectIface wlan1 kill"}),
+    EXPECT_EQ((Strings{"selectIface wlan0 wifi", "selectIface rmnet_data0 cell kill", "selectIface wlan1 wifi kill"}),
               fake.recorder.calls());
     EXPECT_EQ((Strings{"selectInterface prev=wlan0, curr=rmnet_data0, kill=1",
                        "selectInterface prev=rmnet_data0, curr=wlan1, kill=1",

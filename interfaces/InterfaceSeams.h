@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "common/InterfaceKind.h"
 #include "common/ProbeResult.h"
 
 namespace probemond {
@@ -45,9 +46,9 @@ public:
 class SteeringControl {
 public:
     virtual ~SteeringControl() = default;
-    virtual void initMangleRules(const char* iface, const char* mark) = 0;
+    virtual void initMangleRules(const char* iface, const char* mark, InterfaceKind kind) = 0;
     virtual void initNatRules(const char* iface) = 0;
-    virtual int32_t selectIface(const char* iface, bool killSockets) = 0;
+    virtual int32_t selectIface(const char* iface, InterfaceKind kind, bool killSockets) = 0;
     virtual void enableAutoSelect(const char* iface) = 0;
     virtual void disableAutoSelect() = 0;
     virtual void killUidSocket() = 0;

@@ -1,25 +1,13 @@
 // The servers the ping workers probe: one table for China, one for
-// elsewhere, and the shared position in each. Change the tables here.
+// elsewhere (in PingServers.cpp), and the shared position in each.
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 
-#include "common/Properties.h"
 #include "interfaces/InterfaceInfo.h"
 
 namespace probemond {
-
-inline constexpr size_t kCnServerCount = 6;
-inline constexpr size_t kGlobalServerCount = 4;
-
-// Null-terminated.
-extern const char* const cnPingServers[];
-extern const char* const globalPingServers[];
-
-// True when the operator country names China ("CN" anywhere, case-sensitive).
-inline bool countryIsCn() { return propertyContains(kCountryProperty, "TW", "CN"); }
 
 class PingServers {
 public:

@@ -15,7 +15,7 @@ namespace {
 
 TEST(PingServers, TheCountryPicksTheTableAndEachKeepsItsPlace) {
     probemond::test::TempPropertyFile props;
-    InterfaceInfo a;
+    InterfaceInfo a(kInterfaceTable[0], "");
     const InterfaceMap records{{"a", &a}};
     PingServers servers(records);
     auto rotate = [&](const char* country, int n) {

@@ -88,7 +88,7 @@ bool PingWorker::runCycle() {
         f.running = info_.isPingThreadRunning;
         f.controlled = info_.isControlByAutoSelect;
         f.forcePing = context_.isAutoSelectForcePing();
-        f.isWifi = info_.isWifi;
+        f.isWifi = info_.isWifi();
         f.userSelectData = context_.isUserSelectData();
         f.autoSelectData = context_.isAutoSelectData();
         if (shouldProbe(f)) {
@@ -103,7 +103,7 @@ bool PingWorker::runCycle() {
     }
     if (!info_.isPingThreadAlive) return false;
     sleeper_.sleepUs(workerSleepUs(info_.isControlByAutoSelect, context_.isAutoSelectForcePing(),
-                                   info_.isWifi, probeElapsed_, info_.pingInterval));
+                                   info_.isWifi(), probeElapsed_, info_.pingInterval));
     return info_.isPingThreadAlive;
 }
 

@@ -1,7 +1,5 @@
 #include "netctl/IptablesRuleManager.h"
 
-#include <cstring>
-
 #include "common/Log.h"
 #include "netctl/SockDiag.h"
 #include "netctl/UidText.h"
@@ -51,7 +49,7 @@ IptablesRuleManager::IptablesRuleManager(CommandExecutor& executor, SocketKiller
     for (const char* args : kChainTree) runCommand(executor_, kIptables, "%s", args);
 }
 
-void IptablesRuleManager::initMangleRules(const char* iface, const char* mark) {
+void IptablesRuleManager::initMangleRules(const char* iface, const char* mark, InterfaceKind kind) {
     MutexLock lock(mutex_);
     char chain[kChainNameSize] = {};
     formatBounded(chain, sizeof(chain), "kest_probemon_%s", iface);
@@ -60,7 +58,7 @@ void IptablesRuleManager::initMangleRules(const char* iface, const char* mark) {
     runCommand(executor_, kIptables, "-t mangle -A %s -j MARK --set-mark %s", chain, mark);
     runCommand(executor_, kIptables, "-t mangle -A %s -j CONNMARK --save-mark", chain);
     // Wi-Fi returns so traversal goes on after marking; cellular ends it with the mark set.
-    const char* end = strstr(iface, "wlan") != nullptr ? "RETURN" : "ACCEPT";
+    const char* end = kind == InterfaceKind::kWifi ? "RETURN" : "ACCEPT";
     runCommand(executor_, kIptables, "-t mangle -A %s -j %s", chain, end);
 }
 
@@ -101,17 +99,9 @@ int32_t IptablesRuleManager::delUid(const char* uid) {
     return 0;
 }
 
-int32_t IptablesRuleManager::selectIface(const char* iface, bool killSockets) {
-    mutex_.lock();
-    const bool cellular = iface != nullptr && strncmp(iface, "rmnet_data", 10) == 0;
-    const bool wifi = iface != nullptr && strncmp(iface, "wlan", 4) == 0;
-    if (iface == nullptr || iface[0] == '\0' || (!cellular && !wifi)) {
-        LOGD("%s Invalid interface %s", "selectIface", iface != nullptr ? iface : "");
-        // Deliberately returns with the mutex held: every later chain change waits for ever.
-        mutex_.keepHeldForever();
-        return -1;
-    }
-    if (cellular) {
+void IptablesRuleManager::selectIface(const char* iface, InterfaceKind kind, bool killSockets) {
+    MutexLock lock(mutex_);
+    if (kind == InterfaceKind::kCellular) {
         runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_wlan");
         runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_rmnet");
         runCommand(executor_, kIptables, "-t mangle -I kest_probemon_iface_rmnet -j kest_probemon_%s", iface);
@@ -121,8 +111,6 @@ int32_t IptablesRuleManager::selectIface(const char* iface, bool killSockets) {
         runCommand(executor_, kIptables, "-t mangle -F kest_probemon_iface_wlan");
     }
     if (killSockets) killListedUidSockets("selectIface");
-    mutex_.unlock();
-    return 0;
 }
 
 void IptablesRuleManager::enableAutoSelect(const char* iface) {

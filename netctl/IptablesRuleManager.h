@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "common/InterfaceKind.h"
 #include "common/ThreadAnnotations.h"
 #include "netctl/WrapperCommand.h"
 
@@ -32,20 +33,19 @@ public:
     IptablesRuleManager(const IptablesRuleManager&) = delete;
     IptablesRuleManager& operator=(const IptablesRuleManager&) = delete;
 
-    void initMangleRules(const char* iface, const char* mark) PM_EXCLUDES(mutex_);
+    void initMangleRules(const char* iface, const char* mark, InterfaceKind kind) PM_EXCLUDES(mutex_);
     void initNatRules(const char* iface) PM_EXCLUDES(mutex_);
     int32_t addUid(const char* uid) PM_EXCLUDES(mutex_, uidListLock_);
     // Removes every steered UID; the argument is only logged.
     int32_t delUid(const char* uid) PM_EXCLUDES(mutex_, uidListLock_);
-    // -1 for an empty or unknown name; that path leaves the mutex held.
-    int32_t selectIface(const char* iface, bool killSockets) PM_EXCLUDES(mutex_, uidListLock_);
+    void selectIface(const char* iface, InterfaceKind kind, bool killSockets) PM_EXCLUDES(mutex_, uidListLock_);
     void enableAutoSelect(const char* iface) PM_EXCLUDES(mutex_, uidListLock_);
     void disableAutoSelect() PM_EXCLUDES(mutex_);
     // Runs without the manager's mutex.
     void killUidSocket() PM_EXCLUDES(uidListLock_);
 
     // A copy of uidList; takes only the short list lock, never the mutex that
-    // a failed selectIface leaves held.
+    // a slow command sequence holds.
     std::vector<std::string> uidListSnapshot() const PM_EXCLUDES(uidListLock_);
 
 private:

@@ -97,12 +97,12 @@ private:
 class Recorder : public AutoSelectNotifier, public SteeringControl {
 public:
     int32_t notify(const std::string& iface) override { return add("notify " + iface); }
-    void initMangleRules(const char* iface, const char* mark) override {
-        add(std::string("initMangleRules ") + iface + " " + mark);
+    void initMangleRules(const char* iface, const char* mark, InterfaceKind kind) override {
+        add(std::string("initMangleRules ") + iface + " " + mark + kindText(kind));
     }
     void initNatRules(const char* iface) override { add(std::string("initNatRules ") + iface); }
-    int32_t selectIface(const char* iface, bool kill) override {
-        return add(std::string("selectIface ") + iface + (kill ? " kill" : ""));
+    int32_t selectIface(const char* iface, InterfaceKind kind, bool kill) override {
+        return add(std::string("selectIface ") + iface + kindText(kind) + (kill ? " kill" : ""));
     }
     void enableAutoSelect(const char* iface) override { add(std::string("enableAutoSelect ") + iface); }
     void disableAutoSelect() override { add("disableAutoSelect"); }
@@ -122,6 +122,7 @@ public:
     }
 
 private:
+    static const char* kindText(InterfaceKind kind) { return kind == InterfaceKind::kWifi ? " wifi" : " cell"; }
     int32_t add(std::string call) {
         std::lock_guard<std::mutex> g(lock_);
         calls_.push_back(std::move(call));

@@ -34,13 +34,13 @@ Lines everyCommandLine() {
     IpRuleManager ip(rec);
     for (const char* uid : {"0", "10123", "999999999", "4294967294"}) ipt.addUid(uid);
     ipt.delUid("10123");
-    for (size_t i = 0; interfaceNames[i] != nullptr; ++i) {
-        ipt.initMangleRules(interfaceNames[i], interfaceFwmarks[i]);
-        ipt.initNatRules(interfaceNames[i]);
-        for (bool kill : {false, true}) ipt.selectIface(interfaceNames[i], kill);
-        ipt.enableAutoSelect(interfaceNames[i]);
-        ip.addIpRule(interfaceNames[i], interfaceFwmarks[i], interfacePrios[i]);
-        ip.delIpRule(interfacePrios[i]);
+    for (const InterfaceRow& row : kInterfaceTable) {
+        ipt.initMangleRules(row.name, row.fwmark, row.kind);
+        ipt.initNatRules(row.name);
+        for (bool kill : {false, true}) ipt.selectIface(row.name, row.kind, kill);
+        ipt.enableAutoSelect(row.name);
+        ip.addIpRule(row.name, row.fwmark, row.prio);
+        ip.delIpRule(row.prio);
     }
     ipt.disableAutoSelect();
     return rec.commands();

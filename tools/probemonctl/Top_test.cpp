@@ -12,9 +12,9 @@ namespace {
 // The daemon's own dump text, so the table follows the dump's format.
 std::string sampleDump() {
     InterfaceManagerSnapshot s;
-    for (size_t i = 0; i < kInterfaceCount; ++i) {
+    for (const InterfaceRow& row : kInterfaceTable) {
         InterfaceSnapshot r;
-        r.name = interfaceNames[i];
+        r.name = row.name;
         r.pingServer = "8.8.4.4";
         r.rtt = r.mrtt = 50;
         s.interfaces.push_back(r);
