@@ -20,9 +20,6 @@
 #define PM_EXCLUDES(...) PM_TSA(locks_excluded(__VA_ARGS__))
 #define PM_ACQUIRE(...) PM_TSA(acquire_capability(__VA_ARGS__))
 #define PM_RELEASE(...) PM_TSA(release_capability(__VA_ARGS__))
-#define PM_TRY_ACQUIRE(...) PM_TSA(try_acquire_capability(__VA_ARGS__))
-#define PM_RETURN_CAPABILITY(x) PM_TSA(lock_returned(x))
-#define PM_NO_THREAD_SAFETY_ANALYSIS PM_TSA(no_thread_safety_analysis)
 
 namespace probemond {
 
@@ -30,10 +27,6 @@ class PM_CAPABILITY("mutex") Mutex {
 public:
     void lock() PM_ACQUIRE() { m_.lock(); }
     void unlock() PM_RELEASE() { m_.unlock(); }
-    bool try_lock() PM_TRY_ACQUIRE(true) { return m_.try_lock(); }
-    // Leaves the mutex locked for good while the analysis sees it released,
-    // so a path that abandons it on purpose reads as intended.
-    void keepHeldForever() PM_RELEASE() {}
 
 private:
     std::mutex m_;
@@ -50,21 +43,39 @@ private:
     Mutex& m_;
 };
 
-// A POSIX mutex with default attributes. It may stay locked on purpose (see
-// keepHeldForever), which a std::mutex would not allow to outlive its owner.
-class PM_CAPABILITY("mutex") PosixMutex {
+// A mutex that one path may leave locked for good, on purpose. A std::mutex
+// still owned when its thread ends is undefined behaviour; a POSIX mutex with
+// default attributes just stays locked, and whoever takes it next waits for
+// ever. Only an AbandonableLock takes it.
+class PM_CAPABILITY("mutex") AbandonableMutex {
 public:
-    PosixMutex() { pthread_mutex_init(&m_, nullptr); }
-    ~PosixMutex() { pthread_mutex_destroy(&m_); }
-    PosixMutex(const PosixMutex&) = delete;
-    PosixMutex& operator=(const PosixMutex&) = delete;
-
-    void lock() PM_ACQUIRE() { pthread_mutex_lock(&m_); }
-    void unlock() PM_RELEASE() { pthread_mutex_unlock(&m_); }
-    void keepHeldForever() PM_RELEASE() {}
+    AbandonableMutex() { pthread_mutex_init(&m_, nullptr); }
+    ~AbandonableMutex() { pthread_mutex_destroy(&m_); }
+    AbandonableMutex(const AbandonableMutex&) = delete;
+    AbandonableMutex& operator=(const AbandonableMutex&) = delete;
 
 private:
+    friend class AbandonableLock;
+    void lock() PM_ACQUIRE() { pthread_mutex_lock(&m_); }
+    void unlock() PM_RELEASE() { pthread_mutex_unlock(&m_); }
+
     pthread_mutex_t m_;
+};
+
+class PM_SCOPED_CAPABILITY AbandonableLock {
+public:
+    explicit AbandonableLock(AbandonableMutex& m) PM_ACQUIRE(m) : m_(&m) { m.lock(); }
+    ~AbandonableLock() PM_RELEASE() {
+        if (m_ != nullptr) m_->unlock();
+    }
+    AbandonableLock(const AbandonableLock&) = delete;
+    AbandonableLock& operator=(const AbandonableLock&) = delete;
+
+    // The scope ends with the mutex still locked, and nothing ever unlocks it.
+    void keepHeldForever() PM_RELEASE() { m_ = nullptr; }
+
+private:
+    AbandonableMutex* m_;
 };
 
 }  // namespace probemond

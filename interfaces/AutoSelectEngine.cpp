@@ -1,44 +1,44 @@
 #include "interfaces/AutoSelectEngine.h"
 
 #include <climits>
+#include <string>
 
 #include "common/Log.h"
 #include "common/Properties.h"
-#include "interfaces/PingContext.h"
 
 namespace probemond {
 
-AutoSelectEngine::AutoSelectEngine(const InterfaceMap& ifaceMap, Selection& selection,
-                                   std::atomic<bool>& rttDebug, AutoSelectNotifier& notifier,
-                                   SteeringControl& steering)
-    : ifaceMap_(ifaceMap),
-      selection_(selection),
-      rttDebug_(rttDebug),
-      notifier_(notifier),
-      steering_(steering) {}
+namespace {
 
-Candidates AutoSelectEngine::enable(const char* ifaces) {
+const char* nameOf(const InterfaceInfo* info) { return info ? info->name.c_str() : ""; }
+
+}  // namespace
+
+AutoSelectEngine::AutoSelectEngine(const InterfaceMap& ifaceMap, AutoSelectNotifier& notifier,
+                                   SteeringControl& steering)
+    : ifaceMap_(ifaceMap), notifier_(notifier), steering_(steering) {}
+
+Candidates AutoSelectEngine::enable(Selection& selection, const char* ifaces) {
     disable();
-    ifaceMutex.lock();
-    std::string rest = ifaces ? ifaces : "";
-    std::vector<std::string> tokens;
-    for (size_t comma = rest.find(','); comma != std::string::npos; comma = rest.find(',')) {
-        tokens.push_back(rest.substr(0, comma));
-        rest.erase(0, comma + 1);
+    Candidates autoSelectIfaces;
+    {
+        AbandonableLock lock(selection.ifaceMutex);
+        std::string rest = ifaces ? ifaces : "";
+        std::vector<std::string> tokens;
+        for (size_t comma = rest.find(','); comma != std::string::npos; comma = rest.find(',')) {
+            tokens.push_back(rest.substr(0, comma));
+            rest.erase(0, comma + 1);
+        }
+        for (const std::string& token : tokens) {
+            const auto found = ifaceMap_.find(token);
+            if (found == ifaceMap_.end()) continue;
+            LOGD("%s Auto select tries to start ping thread on %s", "enableAutoSelect", token.c_str());
+            found->second->isControlByAutoSelect = true;
+            autoSelectIfaces.insert(autoSelectIfaces.begin(), found->second);
+        }
     }
-    autoSelectIfaces.clear();
-    for (const std::string& token : tokens) {
-        InterfaceInfo* info = findInterface(ifaceMap_, token);
-        if (info == nullptr) continue;
-        LOGD("%s Auto select tries to start ping thread on %s", "enableAutoSelect",
-             token.c_str());
-        info->isControlByAutoSelect = true;
-        autoSelectIfaces.insert(autoSelectIfaces.begin(), info);
-    }
-    Candidates candidates = autoSelectIfaces;
-    ifaceMutex.unlock();
     isAutoSelectEnabled = true;
-    return candidates;
+    return autoSelectIfaces;
 }
 
 void AutoSelectEngine::disable() {
@@ -48,91 +48,82 @@ void AutoSelectEngine::disable() {
     notifier_.notify("");
 }
 
-void AutoSelectEngine::begin(const Candidates& ifaces) {
+void AutoSelectEngine::begin(Selection& selection, const Candidates& ifaces) {
     for (InterfaceInfo* info : ifaces) info->clearRttHistory();
-    const std::string user = selection_.user();
-    selection_.setAuto(user);
-    notifier_.notify(user);
+    InterfaceInfo* user = selection.user();
+    selection.setAuto(user);
+    notifier_.notify(nameOf(user));
     LOGD("Auto select thread %ld is started", threadId());
 }
 
-bool AutoSelectEngine::decide(const Candidates& ifaces) {
-    rttDebug_ = readDebugFlag(kRttDebugProperty);
-    if (!switchInterface(ifaces)) return false;
-    const std::string chosen = selection_.autoIface();
-    LOGD("Switch to %s", chosen.c_str());
-    steering_.enableAutoSelect(chosen.c_str());
+bool AutoSelectEngine::decide(Selection& selection, const Candidates& ifaces) {
+    InterfaceInfo* chosen = switchInterface(selection, ifaces, readDebugFlag(kRttDebugProperty));
+    if (chosen == nullptr) return false;
+    LOGD("Switch to %s", chosen->name.c_str());
+    steering_.enableAutoSelect(chosen->name.c_str());
     // Hysteresis: the next decision waits for fresh results.
     for (InterfaceInfo* info : ifaces) info->clearRttHistory();
     return true;
 }
 
-void AutoSelectEngine::end() {
-    rttDebug_ = false;
+void AutoSelectEngine::end(Selection& selection) {
     isAutoSelectForcePing = false;
-    const std::string autoIface = selection_.autoIface();
-    const std::string userIface = selection_.user();
+    InterfaceInfo* autoIface = selection.autoChoice();
+    InterfaceInfo* userIface = selection.user();
     if (autoIface != userIface) {
-        LOGD("Auto (%s) is NOT equal to User (%s)", autoIface.c_str(), userIface.c_str());
+        LOGD("Auto (%s) is NOT equal to User (%s)", nameOf(autoIface), nameOf(userIface));
         // The steered apps reconnect over the user's interface.
         steering_.killUidSocket();
     }
-    selection_.setAuto("");
+    selection.setAuto(nullptr);
     LOGD("Auto select thread %ld is stopped", threadId());
 }
 
-bool AutoSelectEngine::switchInterface(const Candidates& ifaces) {
-    InterfaceInfo* curr = findInterface(ifaceMap_, selection_.autoIface());
+InterfaceInfo* AutoSelectEngine::switchInterface(Selection& selection, const Candidates& ifaces,
+                                                 bool debug) {
+    InterfaceInfo* curr = selection.autoChoice();
     isAutoSelectForcePing = false;
     // Nothing to compare against (no selection yet): stay put.
-    if (curr == nullptr) return false;
+    if (curr == nullptr) return nullptr;
 
-    const size_t historySize = curr->rttHistorySize();
-    if (historySize < kHistoryMinimum) {
-        if (rttDebug_) {
+    const RttMedian current = curr->median();
+    if (current.historySize < kHistoryMinimum) {
+        if (debug) {
             LOGD("Could not make switch decision because the rtt history on %s is %d/%d.",
-                 curr->name.c_str(), static_cast<int>(historySize),
+                 curr->name.c_str(), static_cast<int>(current.historySize),
                  static_cast<int>(kHistoryMinimum));
         }
-        return false;
+        return nullptr;
     }
 
-    const int32_t currMrtt = curr->mrtt;
-    InterfaceInfo* best = nullptr;
+    Best best;
     if (curr->kind == InterfaceKind::kCellular) {
         if (curr->rtt >= kDataForcePingRtt) isAutoSelectForcePing = true;
         best = getCurrBestIfaceInfo(ifaces);
         // Cellular leaves for any Wi-Fi, never for another cellular link.
-        if (best == nullptr || best->kind != InterfaceKind::kWifi) return false;
+        if (best.info == nullptr || best.info->kind != InterfaceKind::kWifi) return nullptr;
     } else {
         if (curr->rtt >= kWifiForcePingRtt) isAutoSelectForcePing = true;
-        if (currMrtt < kWifiLeaveMrtt) return false;
+        if (current.mrtt < kWifiLeaveMrtt) return nullptr;
         best = getCurrBestIfaceInfo(ifaces);
-        if (best == nullptr) return false;
-        if (best->name == curr->name) return false;
-        if (best->mrtt >= kBetterThanMrtt) return false;
+        if (best.info == nullptr || best.info == curr || best.mrtt >= kBetterThanMrtt) return nullptr;
     }
 
-    LOGD("%s (%dms) is better than %s (%dms)", best->name.c_str(), static_cast<int>(best->mrtt),
-         curr->name.c_str(), currMrtt);
-    selection_.setAuto(best->name);
-    switchLog_.record(curr->name, currMrtt, best->name, best->mrtt);
-    notifier_.notify(best->name);
-    return true;
+    LOGD("%s (%dms) is better than %s (%dms)", best.info->name.c_str(), best.mrtt, curr->name.c_str(),
+         current.mrtt);
+    selection.switchAuto(*best.info, current.mrtt, best.mrtt);
+    notifier_.notify(best.info->name);
+    return best.info;
 }
 
-InterfaceInfo* AutoSelectEngine::getCurrBestIfaceInfo(const Candidates& ifaces) const {
-    InterfaceInfo* candidate = nullptr;
-    int32_t bestMrtt = INT32_MAX;
+AutoSelectEngine::Best AutoSelectEngine::getCurrBestIfaceInfo(const Candidates& ifaces) {
+    Best best{nullptr, INT32_MAX};
     for (InterfaceInfo* info : ifaces) {
-        const int32_t m = info->mrtt;
+        const int32_t m = info->median().mrtt;
         // Strictly below: on a tie the record met first keeps its place.
-        if (m >= 1 && m < bestMrtt) {
-            candidate = info;
-            bestMrtt = m;
-        }
+        if (m >= 1 && m < best.mrtt) best = {info, m};
     }
-    return findInterface(ifaceMap_, candidate ? candidate->name : std::string());
+    return best;
 }
 
 }  // namespace probemond

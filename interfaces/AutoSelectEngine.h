@@ -1,20 +1,19 @@
 // The auto-select engine: which candidate the steered apps should use, one
 // decision at a time, with hysteresis so that the choice does not flap.
-// The rules' constants are below; InterfaceManager owns the thread that
-// drives the steps.
+// The rules' constants are below. InterfaceManager owns the thread that
+// drives the steps and the Selection they act on; each step that changes it
+// says that its caller holds it.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "common/ThreadAnnotations.h"
 #include "interfaces/InterfaceInfo.h"
 #include "interfaces/InterfaceSeams.h"
 #include "interfaces/Selection.h"
-#include "interfaces/Telemetry.h"
 
 namespace probemond {
 
@@ -34,54 +33,51 @@ using Candidates = std::vector<InterfaceInfo*>;
 class AutoSelectEngine {
 public:
     // Everything handed in must outlive the engine; `ifaceMap` is fixed.
-    AutoSelectEngine(const InterfaceMap& ifaceMap, Selection& selection,
-                     std::atomic<bool>& rttDebug, AutoSelectNotifier& notifier,
+    AutoSelectEngine(const InterfaceMap& ifaceMap, AutoSelectNotifier& notifier,
                      SteeringControl& steering);
     AutoSelectEngine(const AutoSelectEngine&) = delete;
     AutoSelectEngine& operator=(const AutoSelectEngine&) = delete;
 
-    // Taken by manual selection and enable(), held by the engine's thread
-    // for its whole life; some paths leave it held on purpose.
-    PosixMutex& mutex() PM_RETURN_CAPABILITY(ifaceMutex) { return ifaceMutex; }
-
-    // Stops the running engine, then, under the mutex, makes the listed
-    // records the candidates and turns the engine on. The list is
-    // comma-terminated (text after the last comma is dropped); unknown names
-    // are skipped. Returns the candidates, last listed first, for the thread.
-    Candidates enable(const char* ifaces) PM_EXCLUDES(ifaceMutex);
+    // Stops the running engine and waits until its thread has let the
+    // selection go; then makes the listed records the candidates and turns
+    // the engine on. The list is comma-terminated (text after the last comma
+    // is dropped); unknown names are skipped. Returns the candidates, last
+    // listed first, for the thread.
+    Candidates enable(Selection& selection, const char* ifaces)
+            PM_EXCLUDES(selection.ifaceMutex);
     // Turns the engine off; its thread finishes after its current turn.
     void disable();
     bool isEnabled() const { return isAutoSelectEnabled; }
     bool isForcePing() const { return isAutoSelectForcePing; }
-    SwitchHistory switches() const { return switchLog_.snapshot(); }
 
-    // The thread's work: begin, one decision every kDecisionPeriodUs while
-    // enabled, then end.
-    void begin(const Candidates& ifaces) PM_REQUIRES(ifaceMutex);
+    // The thread's work: begin (take over from the user's choice), one
+    // decision every kDecisionPeriodUs while enabled, then end (hand back).
+    void begin(Selection& selection, const Candidates& ifaces) PM_REQUIRES(selection.ifaceMutex);
     // On a switch also moves the firewall and clears the candidates'
     // histories. True when it switched.
-    bool decide(const Candidates& ifaces) PM_REQUIRES(ifaceMutex);
-    void end() PM_REQUIRES(ifaceMutex);
-
-    // The rule: true when auto-select moved to a better candidate (and told
-    // the client). Also raises or clears the force-ping hint.
-    bool switchInterface(const Candidates& ifaces) PM_REQUIRES(ifaceMutex);
-    // The candidate with the lowest median of at least 1; on a tie the one
-    // met first. nullptr when none qualifies.
-    InterfaceInfo* getCurrBestIfaceInfo(const Candidates& ifaces) const;
+    bool decide(Selection& selection, const Candidates& ifaces) PM_REQUIRES(selection.ifaceMutex);
+    void end(Selection& selection) PM_REQUIRES(selection.ifaceMutex);
 
 private:
+    struct Best {
+        InterfaceInfo* info = nullptr;
+        int32_t mrtt = 0;
+    };
+
+    // The rule: the record auto-select moved to (the client told), or nullptr.
+    // Also raises or clears the force-ping hint.
+    InterfaceInfo* switchInterface(Selection& selection, const Candidates& ifaces, bool debug)
+            PM_REQUIRES(selection.ifaceMutex);
+    // The candidate with the lowest median of at least 1; on a tie the one
+    // met first. No record when none qualifies.
+    static Best getCurrBestIfaceInfo(const Candidates& ifaces);
+
     const InterfaceMap& ifaceMap_;
-    Selection& selection_;
-    std::atomic<bool>& rttDebug_;
     AutoSelectNotifier& notifier_;
     SteeringControl& steering_;
 
-    PosixMutex ifaceMutex;
-    Candidates autoSelectIfaces PM_GUARDED_BY(ifaceMutex);
     std::atomic<bool> isAutoSelectEnabled{false};
     std::atomic<bool> isAutoSelectForcePing{false};
-    SwitchLog switchLog_;
 };
 
 }  // namespace probemond

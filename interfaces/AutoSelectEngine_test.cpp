@@ -22,8 +22,7 @@ namespace {
 // An engine of its own over a manager's records.
 struct EngineRig : FakeManager {
     Selection selection;
-    std::atomic<bool> rttDebug{false};
-    AutoSelectEngine engine{m.interfaces(), selection, rttDebug, recorder, recorder};
+    AutoSelectEngine engine{m.interfaces(), recorder, recorder};
 };
 
 struct DecisionRow {
@@ -37,8 +36,11 @@ struct DecisionRow {
     bool forcePing;
 };
 
+const char* nameOf(const InterfaceInfo* info) { return info ? info->name.c_str() : ""; }
+
 TEST(AutoSelectDecision, RuleTable) {
     const DecisionRow rows[] = {
+        {"no selection yet", "", 0, 0, {{"wlan0", 10}}, {"wlan0"}, nullptr, false},
         {"Wi-Fi at 100 stays", "wlan0", 100, 10,
          {{"wlan0", 100}, {"rmnet_data0", 1}}, {"rmnet_data0", "wlan0"}, nullptr, false},
         {"Wi-Fi at 101 leaves for 99", "wlan0", 101, 5,
@@ -62,7 +64,6 @@ TEST(AutoSelectDecision, RuleTable) {
          {"rmnet_data0", "rmnet_data1", "rmnet_data2"}, "rmnet_data2", true},
         {"a history of 4 waits", "wlan0", 150, 4,
          {{"wlan0", 150}, {"rmnet_data0", 10}}, {"rmnet_data0", "wlan0"}, nullptr, false},
-        {"no selection yet", "", 0, 0, {{"wlan0", 10}}, {"wlan0"}, nullptr, false},
         {"no candidate at all", "rmnet_data0", 300, 5, {{"rmnet_data0", 300}}, {}, nullptr, true},
     };
     // One engine through every row: a row that raises the force-ping hint
@@ -70,29 +71,29 @@ TEST(AutoSelectDecision, RuleTable) {
     TempPropertyFile props;
     props.set(kRttDebugProperty, "1");
     EngineRig fake;
-    fake.engine.mutex().lock();
+    AbandonableLock held(fake.selection.ifaceMutex);
     for (const DecisionRow& row : rows) {
         SCOPED_TRACE(row.what);
-        fake.selection.setUser(row.current);
+        if (*row.current) fake.selection.setUser(fake.info(row.current));
         std::vector<InterfaceInfo*> list;
         for (const char* name : row.list) list.push_back(&fake.info(name));
-        fake.engine.begin(list);
+        fake.engine.begin(fake.selection, list);
         for (const auto& [name, mrtt] : row.medians) fake.history(name, 5, mrtt);
         if (*row.current) {
-            fake.history(row.current, row.currentHistory, fake.info(row.current).mrtt);
+            fake.history(row.current, row.currentHistory, fake.info(row.current).median().mrtt);
             fake.info(row.current).rtt = row.currentRtt;
         }
         fake.recorder.clear();
         LogCapture log;
 
-        EXPECT_EQ(row.winner != nullptr, fake.engine.decide(list));
+        EXPECT_EQ(row.winner != nullptr, fake.engine.decide(fake.selection, list));
         EXPECT_EQ(row.forcePing, fake.engine.isForcePing());
         const std::string now = row.winner ? row.winner : row.current;
-        EXPECT_EQ(now, fake.selection.autoIface());
+        EXPECT_EQ(now, nameOf(fake.selection.autoChoice()));
         Strings lines, calls;
         if (row.winner) {
-            lines = {now + " (" + std::to_string(fake.info(now).mrtt) + "ms) is better than " +
-                         row.current + " (" + std::to_string(fake.info(row.current).mrtt) + "ms)",
+            lines = {now + " (" + std::to_string(fake.info(now).median().mrtt) + "ms) is better than " +
+                         row.current + " (" + std::to_string(fake.info(row.current).median().mrtt) + "ms)",
                      "Switch to " + now};
             calls = {"notify " + now, "enableAutoSelect " + now};
         } else if (*row.current && row.currentHistory < 5) {
@@ -105,12 +106,10 @@ TEST(AutoSelectDecision, RuleTable) {
     // Ending after a row that raised the hint, on the user's own choice:
     // nothing to reset (the thread test ends away from it).
     fake.recorder.clear();
-    fake.engine.end();
+    fake.engine.end(fake.selection);
     EXPECT_EQ(Strings{}, fake.recorder.calls());
-    EXPECT_EQ("", fake.selection.autoIface());
+    EXPECT_EQ(nullptr, fake.selection.autoChoice());
     EXPECT_FALSE(fake.engine.isForcePing());
-    EXPECT_FALSE(fake.rttDebug);
-    fake.engine.mutex().unlock();
 }
 
 // "Auto select thread 1234 is started" -> "Auto select thread N is started".
@@ -141,7 +140,7 @@ TEST(AutoSelectThread, SwitchesAndStopsInOrderWhileSelectionWaits) {
     fake.history("wlan1", 5, 60);
     fake.sleeper.release();
     ASSERT_TRUE(fake.sleeper.waitForSleep(2));
-    EXPECT_EQ(0u, fake.info("wlan0").rttHistorySize());  // the next decision waits for fresh results
+    EXPECT_EQ(0u, fake.info("wlan0").median().historySize);  // the next decision waits for fresh results
 
     std::atomic<int> selected{99};
     std::thread select([&] { selected = fake.m.selectInterface("wlan0"); });

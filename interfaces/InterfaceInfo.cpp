@@ -1,5 +1,7 @@
 #include "interfaces/InterfaceInfo.h"
 
+#include <algorithm>
+
 namespace probemond {
 
 InterfaceInfo::InterfaceInfo(const InterfaceRow& row, const char* startServer)
@@ -8,15 +10,21 @@ InterfaceInfo::InterfaceInfo(const InterfaceRow& row, const char* startServer)
       fwmark(row.fwmark),
       prio(row.prio),
       rtt(row.startRtt),
-      mrtt(row.startRtt),
-      kind(row.kind) {}
+      kind(row.kind),
+      mrtt(row.startRtt) {}
 
-std::vector<int32_t> InterfaceInfo::addRtt(int32_t value, bool failed) {
+RttUpdate InterfaceInfo::addRtt(int32_t value, bool failed) {
     MutexLock g(historyLock_);
     if (rttHistory.size() >= kMaxRttHistory) rttHistory.pop_front();
     rttHistory.push_back(value);
     historyFailures_.push(failed, kMaxRttHistory);
-    return std::vector<int32_t>(rttHistory.begin(), rttHistory.end());
+    std::vector<int32_t> sorted(rttHistory.begin(), rttHistory.end());
+    std::sort(sorted.begin(), sorted.end());
+    // Even count: the two middle values' mean, truncated.
+    const size_t n = sorted.size();
+    mrtt = n % 2 == 1 ? sorted[n / 2]
+                      : static_cast<int32_t>((static_cast<int64_t>(sorted[n / 2 - 1]) + sorted[n / 2]) / 2);
+    return {std::vector<int32_t>(rttHistory.begin(), rttHistory.end()), mrtt};
 }
 
 void InterfaceInfo::clearRttHistory() {
@@ -25,9 +33,9 @@ void InterfaceInfo::clearRttHistory() {
     historyFailures_.clear();
 }
 
-size_t InterfaceInfo::rttHistorySize() const {
+RttMedian InterfaceInfo::median() const {
     MutexLock g(historyLock_);
-    return rttHistory.size();
+    return {rttHistory.size(), mrtt};
 }
 
 std::vector<int32_t> InterfaceInfo::rttHistorySnapshot() const {
@@ -38,13 +46,6 @@ std::vector<int32_t> InterfaceInfo::rttHistorySnapshot() const {
 int InterfaceInfo::historyFailurePercent() const {
     MutexLock g(historyLock_);
     return historyFailures_.percent();
-}
-
-InterfaceInfo* findInterface(const InterfaceMap& map, const std::string& name) {
-    for (const auto& entry : map) {
-        if (entry.second->name == name) return entry.second;
-    }
-    return nullptr;
 }
 
 }  // namespace probemond

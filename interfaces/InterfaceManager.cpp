@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "common/Log.h"
+#include "common/Properties.h"
 #include "interfaces/PingWorker.h"
 
 namespace probemond {
@@ -23,7 +24,7 @@ InterfaceManager::InterfaceManager(RttProberFactory& probers, Sleeper& sleeper,
       sleeper_(sleeper),
       steering_(steering),
       launcher_(launcher),
-      engine_(ifaceMap, selection_, rttDebug, notifier, steering) {
+      engine_(ifaceMap, notifier, steering) {
     LOGD("%s called", "InterfaceManager");
     initInterfaceInfoAndMap();
     initIptablesMangleNatRules();
@@ -71,28 +72,25 @@ void InterfaceManager::initAllPingThread() {
 // ---- registry ----
 
 InterfaceInfo* InterfaceManager::getIfaceInfo(std::string name) {
-    return findInterface(ifaceMap, name);
+    const auto found = ifaceMap.find(name);
+    return found == ifaceMap.end() ? nullptr : found->second;
 }
 
-namespace {
+bool InterfaceManager::isUserSelectData() { return selection_.isUserSelectData(); }
 
-bool isCellular(const InterfaceInfo* info) { return info != nullptr && info->kind == InterfaceKind::kCellular; }
-
-}  // namespace
-
-bool InterfaceManager::isUserSelectData() { return isCellular(getIfaceInfo(selection_.user())); }
-
-bool InterfaceManager::isAutoSelectData() { return isCellular(getIfaceInfo(selection_.autoIface())); }
+bool InterfaceManager::isAutoSelectData() { return selection_.isAutoSelectData(); }
 
 InterfaceManagerSnapshot InterfaceManager::snapshot() const {
     InterfaceManagerSnapshot s;
-    s.userSelectIface = selection_.user();
-    s.autoSelectIface = selection_.autoIface();
+    const InterfaceInfo* user = selection_.user();
+    const InterfaceInfo* autoChoice = selection_.autoChoice();
+    s.userSelectIface = user ? user->name : "";
+    s.autoSelectIface = autoChoice ? autoChoice->name : "";
     s.isAutoSelectEnabled = engine_.isEnabled();
     s.isAutoSelectForcePing = engine_.isForcePing();
-    s.rttDebug = rttDebug;
-    s.autoSwitches = engine_.switches();
-    s.manualSelections = manualSelectLog_.snapshot();
+    s.rttDebug = readDebugFlag(kRttDebugProperty);
+    s.autoSwitches = selection_.autoSwitches();
+    s.manualSelections = selection_.manualSelections();
     const int64_t now = monotonicMs();
     for (const auto& entry : ifaceMap) {
         const InterfaceInfo* info = entry.second;
@@ -108,7 +106,7 @@ InterfaceManagerSnapshot InterfaceManager::snapshot() const {
         r.isControlByAutoSelect = info->isControlByAutoSelect;
         r.isWifi = info->isWifi();
         r.rtt = info->rtt;
-        r.mrtt = info->mrtt;
+        r.mrtt = info->median().mrtt;
         r.switchCount = info->switchCount;
         r.rttHistory = info->rttHistorySnapshot();
         r.probes = info->counters.probes;
@@ -232,37 +230,31 @@ int32_t InterfaceManager::delInterfaceIpRule(const char* iface) {
 
 int32_t InterfaceManager::selectInterface(const char* iface) {
     if (iface == nullptr) return -1;
-    engine_.mutex().lock();
+    // Waits while auto-select runs.
+    AbandonableLock lock(selection_.ifaceMutex);
     InterfaceInfo* curr = getIfaceInfo(iface);
-    InterfaceInfo* prev = getIfaceInfo(selection_.user());
+    InterfaceInfo* prev = selection_.user();
     if (curr == nullptr) {
         LOGD("%s Invalid interface %s", "selectInterface", iface);
-        // Deliberately left locked: every later selection and auto-select
-        // waits for ever.
-        engine_.mutex().keepHeldForever();
+        // Deliberately: every later selection and auto-select waits for ever.
+        lock.keepHeldForever();
         return -1;
     }
+    if (prev == curr) return -1;
     if (prev != nullptr) {
-        if (prev->name == curr->name) {
-            engine_.mutex().unlock();
-            return -1;
-        }
         LOGD("%s prev=%s, curr=%s, kill=%d", "selectInterface", prev->name.c_str(),
              curr->name.c_str(), 1);
     }
-    selection_.setUser(curr->name);
-    manualSelectLog_.record(prev ? prev->name : "", prev ? prev->mrtt.load() : 0, curr->name,
-                            curr->mrtt);
+    selection_.setUser(*curr);
     // The first selection moves no open sockets; later ones reset them.
     steering_.selectIface(curr->name.c_str(), curr->kind, prev != nullptr);
-    engine_.mutex().unlock();
     return 0;
 }
 
 // ---- auto-select ----
 
 void InterfaceManager::enableAutoSelect(const char* ifaces) {
-    Candidates candidates = engine_.enable(ifaces);
+    Candidates candidates = engine_.enable(selection_, ifaces);
     const int rc = launcher_.start([this, list = std::move(candidates)] { runAutoSelect(list); });
     if (rc != 0) {
         // Like a std::thread that cannot start in a build without exceptions.
@@ -274,15 +266,14 @@ void InterfaceManager::enableAutoSelect(const char* ifaces) {
 
 void InterfaceManager::disableAutoSelect() { engine_.disable(); }
 
-void InterfaceManager::runAutoSelect(Candidates ifaces) {
-    engine_.mutex().lock();
-    engine_.begin(ifaces);
+void InterfaceManager::runAutoSelect(const Candidates& ifaces) {
+    AbandonableLock lock(selection_.ifaceMutex);
+    engine_.begin(selection_, ifaces);
     while (engine_.isEnabled()) {
-        engine_.decide(ifaces);
+        engine_.decide(selection_, ifaces);
         sleeper_.sleepUs(kDecisionPeriodUs);
     }
-    engine_.end();
-    engine_.mutex().unlock();
+    engine_.end(selection_);
 }
 
 }  // namespace probemond

@@ -3,8 +3,8 @@
 // drives the auto-select engine.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,7 +17,6 @@
 #include "interfaces/PingServers.h"
 #include "interfaces/Selection.h"
 #include "interfaces/Snapshot.h"
-#include "interfaces/Telemetry.h"
 
 namespace probemond {
 
@@ -54,11 +53,11 @@ public:
 
     int32_t addInterfaceIpRule(const char* iface);
     int32_t delInterfaceIpRule(const char* iface);
-    int32_t selectInterface(const char* iface);
+    int32_t selectInterface(const char* iface) PM_EXCLUDES(selection_.ifaceMutex);
 
     // Stops a running engine, then starts a new engine thread on the listed
     // candidates; the process ends when that thread cannot start.
-    void enableAutoSelect(const char* ifaces);
+    void enableAutoSelect(const char* ifaces) PM_EXCLUDES(selection_.ifaceMutex);
     void disableAutoSelect();
 
     const InterfaceMap& interfaces() const { return ifaceMap; }
@@ -66,15 +65,13 @@ public:
 
 private:
     bool isAutoSelectForcePing() const override { return engine_.isForcePing(); }
-    bool rttDebugOn() const override { return rttDebug; }
-    void setRttDebug(bool on) override { rttDebug = on; }
 
     void initInterfaceInfoAndMap();
     void initIptablesMangleNatRules();
-    // The engine thread's body: holds the mutex from before the first step
-    // until after the last, so one engine runs at a time and manual
-    // selection waits until auto-select is off.
-    void runAutoSelect(Candidates ifaces);
+    // The engine thread's body: holds the selection's mutex from before the
+    // first step until after the last, so one engine runs at a time and
+    // manual selection waits until auto-select is off.
+    void runAutoSelect(const Candidates& ifaces) PM_EXCLUDES(selection_.ifaceMutex);
 
     RttProberFactory& probers_;
     Sleeper& sleeper_;
@@ -84,11 +81,8 @@ private:
     InterfaceMap ifaceMap;
     std::vector<std::unique_ptr<InterfaceInfo>> records_;
     Selection selection_;
-    // Shared by every worker and the engine.
-    std::atomic<bool> rttDebug{false};
     PingServers servers_{ifaceMap};
     AutoSelectEngine engine_;
-    SwitchLog manualSelectLog_;
     std::vector<std::unique_ptr<PingWorker>> workers_;
 };
 

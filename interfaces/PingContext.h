@@ -1,6 +1,5 @@
 // What a ping worker reads of the rest of the daemon: the auto-select
-// engine's hint, the kinds of the two selections and the debug switch that
-// every worker and the engine share.
+// engine's hint and the kinds of the two selections.
 #pragma once
 
 namespace probemond {
@@ -13,9 +12,6 @@ public:
     // Whether the user's / auto-select's interface is cellular.
     virtual bool isUserSelectData() = 0;
     virtual bool isAutoSelectData() = 0;
-    // The shared debug switch; last writer wins.
-    virtual bool rttDebugOn() const = 0;
-    virtual void setRttDebug(bool on) = 0;
 };
 
 }  // namespace probemond

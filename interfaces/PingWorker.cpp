@@ -4,11 +4,25 @@
 
 #include <algorithm>
 #include <climits>
+#include <string>
+#include <vector>
 
 #include "common/Log.h"
 #include "common/Properties.h"
 
 namespace probemond {
+
+namespace {
+
+// Whether a worker probes in this cycle.
+struct ProbeFlags {
+    bool running;           // isPingThreadRunning
+    bool controlled;        // isControlByAutoSelect
+    bool forcePing;         // the manager's isAutoSelectForcePing
+    bool isWifi;
+    bool userSelectData;    // isUserSelectData()
+    bool autoSelectData;    // isAutoSelectData()
+};
 
 bool shouldProbe(const ProbeFlags& f) {
     if (f.running) return true;
@@ -18,6 +32,7 @@ bool shouldProbe(const ProbeFlags& f) {
     return f.isWifi ? !f.userSelectData : f.autoSelectData;
 }
 
+// Under auto-select the probe's time is charged against the period.
 uint32_t workerSleepUs(bool controlled, bool forcePing, bool isWifi, int32_t probeElapsed,
                        int32_t pingInterval) {
     const int64_t periodMs = static_cast<int64_t>(pingInterval) * 1000;
@@ -36,21 +51,18 @@ uint32_t workerSleepUs(bool controlled, bool forcePing, bool isWifi, int32_t pro
     return static_cast<uint32_t>(us);
 }
 
-int32_t medianOfSorted(const std::vector<int32_t>& sorted) {
-    const size_t n = sorted.size();
-    if (n == 0) return 0;
-    if (n % 2 == 1) return sorted[n / 2];
-    const int64_t sum = static_cast<int64_t>(sorted[n / 2 - 1]) + sorted[n / 2];
-    return static_cast<int32_t>(sum / 2);
-}
-
-std::string rttText(const std::vector<int32_t>& arrival, const std::vector<int32_t>& sorted) {
+// " a b c, x y z": each value after a blank, arrival order, comma, sorted.
+std::string rttText(const std::vector<int32_t>& arrival) {
+    std::vector<int32_t> sorted = arrival;
+    std::sort(sorted.begin(), sorted.end());
     std::string text;
     for (int32_t v : arrival) text += " " + std::to_string(v);
     text += ",";
     for (int32_t v : sorted) text += " " + std::to_string(v);
     return text;
 }
+
+}  // namespace
 
 PingWorker::PingWorker(PingContext& context, PingServers& servers, InterfaceInfo& info,
                        std::unique_ptr<RttProber> prober, Sleeper& sleeper)
@@ -61,7 +73,6 @@ PingWorker::PingWorker(PingContext& context, PingServers& servers, InterfaceInfo
       sleeper_(sleeper) {}
 
 void PingWorker::run() {
-    info_.pingThread = pthread_self();
     announce();
     if (!info_.isPingThreadAlive) return;
     while (runCycle()) {
@@ -83,7 +94,7 @@ void PingWorker::announce() {
 
 bool PingWorker::runCycle() {
     if (!info_.isPingThreadSuspended) {
-        context_.setRttDebug(readDebugFlag(kRttDebugProperty));
+        const bool debug = readDebugFlag(kRttDebugProperty);
         ProbeFlags f{};
         f.running = info_.isPingThreadRunning;
         f.controlled = info_.isControlByAutoSelect;
@@ -92,13 +103,13 @@ bool PingWorker::runCycle() {
         f.userSelectData = context_.isUserSelectData();
         f.autoSelectData = context_.isAutoSelectData();
         if (shouldProbe(f)) {
-            if (context_.rttDebugOn()) {
+            if (debug) {
                 LOGD("isPingThreadRunning=%d, isControlByAutoSelect=%d, isAutoSelectForcePing=%d, "
                      "isUserSelectData=%d, isAutoSelectData=%d, isWifi=%d",
                      f.running, f.controlled, f.forcePing, f.userSelectData, f.autoSelectData,
                      f.isWifi);
             }
-            probeOnce();
+            probeOnce(debug);
         }
     }
     if (!info_.isPingThreadAlive) return false;
@@ -107,29 +118,21 @@ bool PingWorker::runCycle() {
     return info_.isPingThreadAlive;
 }
 
-void PingWorker::probeOnce() {
+void PingWorker::probeOnce(bool debug) {
     const ProbeResult probe = prober_->ping(info_.name.c_str(), info_.pingServer.load());
-    const int32_t rtt = probe.rtt;
     info_.counters.recordProbe(probe.failed);
-    info_.rtt = rtt;
-
-    const std::vector<int32_t> history = info_.addRtt(rtt, probe.failed);
-    std::vector<int32_t> sorted = history;
-    std::sort(sorted.begin(), sorted.end());
-    const int32_t median = medianOfSorted(sorted);
-    if (context_.rttDebugOn()) {
-        LOGD("rrtt: %s,%s, [%d]", info_.name.c_str(), rttText(history, sorted).c_str(), median);
-    }
-    info_.mrtt = median;
+    info_.rtt = probe.rtt;
+    const RttUpdate update = info_.addRtt(probe.rtt, probe.failed);
+    if (debug) LOGD("rrtt: %s,%s, [%d]", info_.name.c_str(), rttText(update.history).c_str(), update.mrtt);
 
     const int32_t timeoutThreshold = readIntProperty(kRttThresholdProperty, "200");
     bool checkSwitch = true;
-    if (rtt >= timeoutThreshold) {
+    if (probe.rtt >= timeoutThreshold) {
         // Read again on purpose: the charged time follows the latest value.
         probeElapsed_ = readIntProperty(kRttThresholdProperty, "200");
         info_.switchCount.fetch_add(1);
     } else {
-        probeElapsed_ = rtt;
+        probeElapsed_ = probe.rtt;
         const uint32_t count = info_.switchCount.load();
         if (count == 0) {
             checkSwitch = false;
@@ -139,7 +142,7 @@ void PingWorker::probeOnce() {
     }
     if (checkSwitch && info_.switchCount.load() >= kServerSwitchCount) switchServer();
 
-    LOGD("%s,rtt=%d,mrtt=%d,switch=%u,cpu=%d", info_.name.c_str(), rtt, median,
+    LOGD("%s,rtt=%d,mrtt=%d,switch=%u,cpu=%d", info_.name.c_str(), probe.rtt, update.mrtt,
          info_.switchCount.load(), sched_getcpu());
 }
 

@@ -16,12 +16,10 @@ namespace {
 
 // What the rest of the daemon shows a worker, set by the test.
 struct FakeContext : PingContext {
-    std::atomic<bool> forcePing{false}, userData{false}, autoData{false}, debug{false};
+    std::atomic<bool> forcePing{false}, userData{false}, autoData{false};
     bool isAutoSelectForcePing() const override { return forcePing; }
     bool isUserSelectData() override { return userData; }
     bool isAutoSelectData() override { return autoData; }
-    bool rttDebugOn() const override { return debug; }
-    void setRttDebug(bool on) override { debug = on; }
 };
 
 // Workers over the manager's ten records, with a context and servers of
@@ -53,9 +51,9 @@ TEST_F(WorkerCycle, HistoryKeepsTheLatestTenAndTheirMedian) {
     InterfaceInfo& info = fake.info("wlan0");
     LogCapture log;
     cycles(w, {11, 20});
-    EXPECT_EQ(15, info.mrtt);  // (11 + 20) / 2, truncated
+    EXPECT_EQ(15, info.median().mrtt);  // (11 + 20) / 2, truncated
     cycles(w, {30, 40, 50, 60, 70, 80, 90, 100, 5});  // 11 leaves the history
-    EXPECT_EQ(55, info.mrtt);
+    EXPECT_EQ(55, info.median().mrtt);
     EXPECT_TRUE(log.has("rrtt: wlan0, 20 30 40 50 60 70 80 90 100 5, 5 20 30 40 50 60 70 80 90 "
                         "100, [55]"))
         << log.dump();

@@ -169,11 +169,10 @@ struct FakeManager {
         launcher.join();
     }
     InterfaceInfo& info(const std::string& name) { return *m.getIfaceInfo(name); }
-    // n results of `mrtt` in the history, and the median to match.
+    // n results of `mrtt` in the history, so that is the median.
     void history(const std::string& name, size_t n, int32_t mrtt) {
         info(name).clearRttHistory();
-        for (size_t i = 0; i < n; ++i) info(name).addRtt(mrtt);
-        info(name).mrtt = mrtt;
+        for (size_t i = 0; i < n; ++i) info(name).addRtt(mrtt, false);
     }
 };
 
