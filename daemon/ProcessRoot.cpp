@@ -15,7 +15,6 @@
 namespace probemond {
 namespace {
 
-
 class PingProber : public RttProber {
 public:
     ProbeResult ping(const char* iface, const char* server) override { return ping_.ping(iface, server); }
@@ -39,9 +38,7 @@ public:
 // The client's callback service, looked up anew on every call.
 class CallbackNotifier : public AutoSelectNotifier {
 public:
-    int32_t notify(const std::string& iface) override {
-        return android::IKestNetworkProbeMonCallback::notify(iface);
-    }
+    void notify(const std::string& iface) override { android::IKestNetworkProbeMonCallback::notify(iface); }
 };
 
 class RuleManagers : public SteeringControl {
@@ -49,21 +46,20 @@ public:
     RuleManagers(IptablesRuleManager& iptables, IpRuleManager& ipRules)
         : iptables_(iptables), ipRules_(ipRules) {}
 
-    void initMangleRules(const char* iface, const char* mark, InterfaceKind kind) override {
+    void prepareInterface(const char* iface, const char* mark, InterfaceKind kind) override {
         iptables_.initMangleRules(iface, mark, kind);
+        iptables_.initNatRules(iface);
     }
-    void initNatRules(const char* iface) override { iptables_.initNatRules(iface); }
-    int32_t selectIface(const char* iface, InterfaceKind kind, bool killSockets) override {
-        iptables_.selectIface(iface, kind, killSockets);
-        return 0;
+    void steerToUserChoice(const char* iface, InterfaceKind kind, bool resetSockets) override {
+        iptables_.selectIface(iface, kind, resetSockets);
     }
-    void enableAutoSelect(const char* iface) override { iptables_.enableAutoSelect(iface); }
-    void disableAutoSelect() override { iptables_.disableAutoSelect(); }
-    void killUidSocket() override { iptables_.killUidSocket(); }
-    int32_t addIpRule(const char* table, const char* fwmark, const char* prio) override {
-        return ipRules_.addIpRule(table, fwmark, prio);
+    void steerToAutoChoice(const char* iface) override { iptables_.enableAutoSelect(iface); }
+    void clearAutoChoice() override { iptables_.disableAutoSelect(); }
+    void resetSteeredSockets() override { iptables_.killUidSocket(); }
+    void addIpRule(const char* table, const char* fwmark, const char* prio) override {
+        ipRules_.addIpRule(table, fwmark, prio);
     }
-    int32_t delIpRule(const char* prio) override { return ipRules_.delIpRule(prio); }
+    void delIpRule(const char* prio) override { ipRules_.delIpRule(prio); }
 
 private:
     IptablesRuleManager& iptables_;

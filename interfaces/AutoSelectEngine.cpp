@@ -18,8 +18,8 @@ AutoSelectEngine::AutoSelectEngine(const InterfaceMap& ifaceMap, AutoSelectNotif
                                    SteeringControl& steering)
     : ifaceMap_(ifaceMap), notifier_(notifier), steering_(steering) {}
 
-Candidates AutoSelectEngine::enable(Selection& selection, const char* ifaces) {
-    disable();
+Candidates AutoSelectEngine::restartOn(Selection& selection, const char* ifaces) {
+    stop();
     Candidates autoSelectIfaces;
     {
         AbandonableLock lock(selection.ifaceMutex);
@@ -41,10 +41,10 @@ Candidates AutoSelectEngine::enable(Selection& selection, const char* ifaces) {
     return autoSelectIfaces;
 }
 
-void AutoSelectEngine::disable() {
+void AutoSelectEngine::stop() {
     for (const auto& entry : ifaceMap_) entry.second->isControlByAutoSelect = false;
     isAutoSelectEnabled = false;
-    steering_.disableAutoSelect();
+    steering_.clearAutoChoice();
     notifier_.notify("");
 }
 
@@ -60,7 +60,7 @@ bool AutoSelectEngine::decide(Selection& selection, const Candidates& ifaces) {
     InterfaceInfo* chosen = switchInterface(selection, ifaces, readDebugFlag(kRttDebugProperty));
     if (chosen == nullptr) return false;
     LOGD("Switch to %s", chosen->name.c_str());
-    steering_.enableAutoSelect(chosen->name.c_str());
+    steering_.steerToAutoChoice(chosen->name.c_str());
     // Hysteresis: the next decision waits for fresh results.
     for (InterfaceInfo* info : ifaces) info->clearRttHistory();
     return true;
@@ -73,7 +73,7 @@ void AutoSelectEngine::end(Selection& selection) {
     if (autoIface != userIface) {
         LOGD("Auto (%s) is NOT equal to User (%s)", nameOf(autoIface), nameOf(userIface));
         // The steered apps reconnect over the user's interface.
-        steering_.killUidSocket();
+        steering_.resetSteeredSockets();
     }
     selection.setAuto(nullptr);
     LOGD("Auto select thread %ld is stopped", threadId());

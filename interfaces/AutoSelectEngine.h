@@ -43,10 +43,10 @@ public:
     // the engine on. The list is comma-terminated (text after the last comma
     // is dropped); unknown names are skipped. Returns the candidates, last
     // listed first, for the thread.
-    Candidates enable(Selection& selection, const char* ifaces)
+    Candidates restartOn(Selection& selection, const char* ifaces)
             PM_EXCLUDES(selection.ifaceMutex);
     // Turns the engine off; its thread finishes after its current turn.
-    void disable();
+    void stop();
     bool isEnabled() const { return isAutoSelectEnabled; }
     bool isForcePing() const { return isAutoSelectForcePing; }
 

@@ -95,7 +95,7 @@ TEST(AutoSelectDecision, RuleTable) {
             lines = {now + " (" + std::to_string(fake.info(now).median().mrtt) + "ms) is better than " +
                          row.current + " (" + std::to_string(fake.info(row.current).median().mrtt) + "ms)",
                      "Switch to " + now};
-            calls = {"notify " + now, "enableAutoSelect " + now};
+            calls = {"notify " + now, "auto " + now};
         } else if (*row.current && row.currentHistory < 5) {
             lines = {"Could not make switch decision because the rtt history on " + now + " is " +
                      std::to_string(row.currentHistory) + "/5."};
@@ -150,9 +150,8 @@ TEST(AutoSelectThread, SwitchesAndStopsInOrderWhileSelectionWaits) {
     select.join();
     fake.launcher.join();
     EXPECT_EQ(0, selected);
-    EXPECT_EQ((Strings{"disableAutoSelect", "notify ", "notify rmnet_data0", "notify wlan1",
-                       "enableAutoSelect wlan1", "disableAutoSelect", "notify ",
-                       "killUidSocket", "selectIface wlan0 wifi kill"}),
+    EXPECT_EQ((Strings{"clear auto", "notify ", "notify rmnet_data0", "notify wlan1", "auto wlan1",
+                       "clear auto", "notify ", "reset", "user wlan0 wifi reset"}),
               fake.recorder.calls());
     EXPECT_EQ((Strings{"enableAutoSelect Auto select tries to start ping thread on wlan0",
                        "enableAutoSelect Auto select tries to start ping thread on wlan1",
@@ -183,7 +182,7 @@ TEST(AutoSelectThread, AfterAnUnknownSelectionEnableAndSelectWait) {
     // enableAutoSelect gets as far as its unlocked disable, then waits.
     ASSERT_TRUE(waitUntil([&] { return gAbandoned->recorder.calls().size() == 2; }));
     EXPECT_FALSE(waitUntil([&] { return gReturned > 0 || gAbandoned->launcher.started > 0; }, 200));
-    EXPECT_EQ((Strings{"disableAutoSelect", "notify "}), gAbandoned->recorder.calls());
+    EXPECT_EQ((Strings{"clear auto", "notify "}), gAbandoned->recorder.calls());
 }
 
 }  // namespace

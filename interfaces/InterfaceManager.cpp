@@ -5,7 +5,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -49,8 +48,7 @@ void InterfaceManager::initIptablesMangleNatRules() {
     LOGD("%s called", "initIptablesMangleNatRules");
     for (auto& entry : ifaceMap) {
         InterfaceInfo* info = entry.second;
-        steering_.initMangleRules(info->name.c_str(), info->fwmark, info->kind);
-        steering_.initNatRules(info->name.c_str());
+        steering_.prepareInterface(info->name.c_str(), info->fwmark, info->kind);
     }
 }
 
@@ -64,9 +62,12 @@ void InterfaceManager::initAllPingThread() {
         workers_.push_back(std::make_unique<PingWorker>(context, servers_, *info,
                                                         probers_.create(*info), sleeper_));
         PingWorker* worker = workers_.back().get();
-        // A worker that cannot start is not noticed; its interface never probes.
-        launcher_.start([worker] { worker->run(); });
+        startThread([worker] { worker->run(); });
     }
+}
+
+void InterfaceManager::startThread(std::function<void()> body) {
+    if (launcher_.start(std::move(body)) != 0) fatal("thread constructor failed");
 }
 
 // ---- registry ----
@@ -247,24 +248,17 @@ int32_t InterfaceManager::selectInterface(const char* iface) {
     }
     selection_.setUser(*curr);
     // The first selection moves no open sockets; later ones reset them.
-    steering_.selectIface(curr->name.c_str(), curr->kind, prev != nullptr);
+    steering_.steerToUserChoice(curr->name.c_str(), curr->kind, prev != nullptr);
     return 0;
 }
 
 // ---- auto-select ----
 
 void InterfaceManager::enableAutoSelect(const char* ifaces) {
-    Candidates candidates = engine_.enable(selection_, ifaces);
-    const int rc = launcher_.start([this, list = std::move(candidates)] { runAutoSelect(list); });
-    if (rc != 0) {
-        // Like a std::thread that cannot start in a build without exceptions.
-        LOGF("thread constructor failed");
-        fprintf(stderr, "thread constructor failed: %s\n", strerror(rc));
-        abort();
-    }
+    startThread([this, list = engine_.restartOn(selection_, ifaces)] { runAutoSelect(list); });
 }
 
-void InterfaceManager::disableAutoSelect() { engine_.disable(); }
+void InterfaceManager::disableAutoSelect() { engine_.stop(); }
 
 void InterfaceManager::runAutoSelect(const Candidates& ifaces) {
     AbandonableLock lock(selection_.ifaceMutex);

@@ -36,8 +36,7 @@ public:
     InterfaceManager(const InterfaceManager&) = delete;
     InterfaceManager& operator=(const InterfaceManager&) = delete;
 
-    // Starts one ping worker per record through the launcher, for the life
-    // of the process.
+    // Starts one ping worker per record, for the life of the process.
     void initAllPingThread();
 
     InterfaceInfo* getIfaceInfo(std::string name);
@@ -56,7 +55,7 @@ public:
     int32_t selectInterface(const char* iface) PM_EXCLUDES(selection_.ifaceMutex);
 
     // Stops a running engine, then starts a new engine thread on the listed
-    // candidates; the process ends when that thread cannot start.
+    // candidates.
     void enableAutoSelect(const char* ifaces) PM_EXCLUDES(selection_.ifaceMutex);
     void disableAutoSelect();
 
@@ -68,6 +67,9 @@ private:
 
     void initInterfaceInfoAndMap();
     void initIptablesMangleNatRules();
+    // A thread that cannot start ends the process, as a thread class does in
+    // a build without exceptions.
+    void startThread(std::function<void()> body);
     // The engine thread's body: holds the selection's mutex from before the
     // first step until after the last, so one engine runs at a time and
     // manual selection waits until auto-select is off.

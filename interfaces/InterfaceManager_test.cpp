@@ -30,8 +30,7 @@ TEST(Registry, EveryInterfaceRow) {
     FakeManager fake;
     Strings chains;
     for (const Row& row : rows) {
-        chains.push_back(std::string("initMangleRules ") + row.name + " " + row.mark + (row.wifi ? " wifi" : " cell"));
-        chains.push_back(std::string("initNatRules ") + row.name);
+        chains.push_back(std::string("prepare ") + row.name + " " + row.mark + (row.wifi ? " wifi" : " cell"));
     }
     EXPECT_EQ(chains, fake.recorder.calls());
     const InterfaceManagerSnapshot state = fake.m.snapshot();
@@ -97,6 +96,14 @@ TEST(PingWorkers, SuspendAndResumeReachEveryWorker) {
     EXPECT_EQ(oneMore, probesMade(-1)) << "a resumed worker did not probe";
 }
 
+// As the engine's thread does.
+TEST(PingWorkers, AWorkerThatCannotStartEndsTheProcess) {
+    TempPropertyFile props;
+    FakeManager fake;
+    fake.launcher.refuse = true;
+    EXPECT_DEATH(fake.m.initAllPingThread(), "thread constructor failed");
+}
+
 TEST(Selection, FirstChangeRepeatAndUnknownNames) {
     TempPropertyFile props;
     FakeManager fake;
@@ -108,7 +115,7 @@ TEST(Selection, FirstChangeRepeatAndUnknownNames) {
     EXPECT_EQ(0, fake.m.selectInterface("wlan1"));  // the repeat released the mutex
     EXPECT_EQ(-1, fake.m.addInterfaceIpRule("wlan9"));
     EXPECT_EQ(-1, fake.m.delInterfaceIpRule(""));
-    EXPECT_EQ((Strings{"selectIface wlan0 wifi", "selectIface rmnet_data0 cell kill", "selectIface wlan1 wifi kill"}),
+    EXPECT_EQ((Strings{"user wlan0 wifi", "user rmnet_data0 cell reset", "user wlan1 wifi reset"}),
               fake.recorder.calls());
     EXPECT_EQ((Strings{"selectInterface prev=wlan0, curr=rmnet_data0, kill=1",
                        "selectInterface prev=rmnet_data0, curr=wlan1, kill=1",

@@ -39,21 +39,25 @@ public:
 class AutoSelectNotifier {
 public:
     virtual ~AutoSelectNotifier() = default;
-    virtual int32_t notify(const std::string& iface) = 0;
+    virtual void notify(const std::string& iface) = 0;
 };
 
-// The firewall and policy-rule operations the manager drives.
+// What the manager has the firewall and the policy rules do.
 class SteeringControl {
 public:
     virtual ~SteeringControl() = default;
-    virtual void initMangleRules(const char* iface, const char* mark, InterfaceKind kind) = 0;
-    virtual void initNatRules(const char* iface) = 0;
-    virtual int32_t selectIface(const char* iface, InterfaceKind kind, bool killSockets) = 0;
-    virtual void enableAutoSelect(const char* iface) = 0;
-    virtual void disableAutoSelect() = 0;
-    virtual void killUidSocket() = 0;
-    virtual int32_t addIpRule(const char* table, const char* fwmark, const char* prio) = 0;
-    virtual int32_t delIpRule(const char* prio) = 0;
+    // The interface's marking chain and its MASQUERADE rule, at start-up.
+    virtual void prepareInterface(const char* iface, const char* mark, InterfaceKind kind) = 0;
+    // Steers by the user's choice; `resetSockets` then destroys the steered
+    // UIDs' open sockets.
+    virtual void steerToUserChoice(const char* iface, InterfaceKind kind, bool resetSockets) = 0;
+    // Steers by auto-select's choice and destroys the steered UIDs' sockets.
+    virtual void steerToAutoChoice(const char* iface) = 0;
+    virtual void clearAutoChoice() = 0;
+    virtual void resetSteeredSockets() = 0;
+    // The policy rule that sends packets with `fwmark` through `table`.
+    virtual void addIpRule(const char* table, const char* fwmark, const char* prio) = 0;
+    virtual void delIpRule(const char* prio) = 0;
 };
 
 // Starts the ping workers and the auto-select thread; the shipping threads

@@ -1,7 +1,6 @@
 #include "netctl/CommandFormat.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "common/Log.h"
@@ -14,8 +13,7 @@ void vformatBounded(char* buf, size_t size, const char* lead, const char* fmt, v
     const int n = vsnprintf(buf + leadLength, size - leadLength, fmt, args);
     const long total = n < 0 ? -1 : static_cast<long>(leadLength) + n;
     if (total < 0 || static_cast<size_t>(total) >= size) {
-        LOGF("formatted text of %ld bytes does not fit in %zu: %s%s", total, size, lead, fmt);
-        abort();
+        fatal("formatted text of %ld bytes does not fit in %zu: %s%s", total, size, lead, fmt);
     }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -96,21 +97,20 @@ private:
 // Records the client callbacks and the firewall calls, in one order.
 class Recorder : public AutoSelectNotifier, public SteeringControl {
 public:
-    int32_t notify(const std::string& iface) override { return add("notify " + iface); }
-    void initMangleRules(const char* iface, const char* mark, InterfaceKind kind) override {
-        add(std::string("initMangleRules ") + iface + " " + mark + kindText(kind));
+    void notify(const std::string& iface) override { add("notify " + iface); }
+    void prepareInterface(const char* iface, const char* mark, InterfaceKind kind) override {
+        add(std::string("prepare ") + iface + " " + mark + kindText(kind));
     }
-    void initNatRules(const char* iface) override { add(std::string("initNatRules ") + iface); }
-    int32_t selectIface(const char* iface, InterfaceKind kind, bool kill) override {
-        return add(std::string("selectIface ") + iface + kindText(kind) + (kill ? " kill" : ""));
+    void steerToUserChoice(const char* iface, InterfaceKind kind, bool reset) override {
+        add(std::string("user ") + iface + kindText(kind) + (reset ? " reset" : ""));
     }
-    void enableAutoSelect(const char* iface) override { add(std::string("enableAutoSelect ") + iface); }
-    void disableAutoSelect() override { add("disableAutoSelect"); }
-    void killUidSocket() override { add("killUidSocket"); }
-    int32_t addIpRule(const char* table, const char* mark, const char* prio) override {
-        return add(std::string("addIpRule ") + table + " " + mark + " " + prio);
+    void steerToAutoChoice(const char* iface) override { add(std::string("auto ") + iface); }
+    void clearAutoChoice() override { add("clear auto"); }
+    void resetSteeredSockets() override { add("reset"); }
+    void addIpRule(const char* table, const char* mark, const char* prio) override {
+        add(std::string("addIpRule ") + table + " " + mark + " " + prio);
     }
-    int32_t delIpRule(const char* prio) override { return add(std::string("delIpRule ") + prio); }
+    void delIpRule(const char* prio) override { add(std::string("delIpRule ") + prio); }
 
     Strings calls() {
         std::lock_guard<std::mutex> g(lock_);
@@ -123,20 +123,21 @@ public:
 
 private:
     static const char* kindText(InterfaceKind kind) { return kind == InterfaceKind::kWifi ? " wifi" : " cell"; }
-    int32_t add(std::string call) {
+    void add(std::string call) {
         std::lock_guard<std::mutex> g(lock_);
         calls_.push_back(std::move(call));
-        return 0;
     }
     std::mutex lock_;
     Strings calls_;
 };
 
-// Runs each thread on a std::thread that join() waits for.
+// Runs each thread on a std::thread that join() waits for; or refuses.
 struct JoiningLauncher : ThreadLauncher {
     std::atomic<int> started{0};
+    bool refuse = false;
 
     int start(std::function<void()> body) override {
+        if (refuse) return EAGAIN;
         std::lock_guard<std::mutex> g(lock_);
         threads_.emplace_back(std::move(body));
         ++started;
