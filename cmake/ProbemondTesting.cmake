@@ -17,12 +17,21 @@ else()
   set(PROBEMOND_DEATH_TEST_STYLE threadsafe)
 endif()
 
-# probemond_add_unit_test(NAME SOURCES... LIBS...)
+# probemond_add_unit_test(NAME [DEVICE] SOURCES... LIBS...)
 # A GoogleTest binary whose cases run in-process, without privileges.
+# DEVICE: it needs no host stand-in (property file, binder, lab), so the device
+# test module in Android.bp builds the same sources; ./run check-device finds
+# these targets by their folder. It gets no host-only test helper to link.
 function(probemond_add_unit_test name)
-  cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "DEVICE" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
-  target_link_libraries(${name} PRIVATE ${T_LIBS} probemond_testsupport GTest::gtest GTest::gmock GTest::gtest_main)
+  if(T_DEVICE)
+    set_target_properties(${name} PROPERTIES FOLDER device-tests)
+    set(support probemond_testsupport)
+  else()
+    set(support probemond_host_testsupport)
+  endif()
+  target_link_libraries(${name} PRIVATE ${T_LIBS} ${support} GTest::gtest GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
     EXTRA_ARGS --gtest_death_test_style=${PROBEMOND_DEATH_TEST_STYLE}
     PROPERTIES TIMEOUT 300 ENVIRONMENT "PROBEMOND_EMULATOR=${PROBEMOND_EMULATOR}")
@@ -36,7 +45,7 @@ endfunction()
 function(probemond_add_lab_test name)
   cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
-  target_link_libraries(${name} PRIVATE ${T_LIBS} probemond_testsupport GTest::gtest GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${T_LIBS} probemond_host_testsupport GTest::gtest GTest::gmock GTest::gtest_main)
   add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/lab.sh exec ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES
     FIXTURES_REQUIRED lab RESOURCE_LOCK lab SKIP_RETURN_CODE 77 TIMEOUT 600

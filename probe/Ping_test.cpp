@@ -10,13 +10,12 @@
 #include <vector>
 
 #include "LogCapture.h"
-#include "TempPropertyFile.h"
+#include "common/Properties.h"
 #include "probe/IcmpPacket.h"
 
 using namespace probemond;
 
 using probemond::test::LogCapture;
-using probemond::test::TempPropertyFile;
 
 namespace {
 
@@ -108,12 +107,12 @@ TEST(IcmpReply, RejectionsInTheirOrder) {
 }
 
 // A missing device and a timeout that is no number are the reliability cases'.
+// The timeout is the one configured where the test runs (on a phone, its own).
 TEST(Ping, NullArgumentsReturnTheTimeoutAndKeepTheSequence) {
-    TempPropertyFile props;
     LogCapture log;
     Ping p;
     p.sequenceNumber = 41;
-    EXPECT_EQ(200, p.ping(nullptr, "8.8.8.8").rtt);
+    EXPECT_EQ(readIntProperty(kPingTimeoutProperty, "200"), p.ping(nullptr, "8.8.8.8").rtt);
     EXPECT_TRUE(p.ping("wlan0", nullptr).failed);
     EXPECT_EQ(2u, log.count("interface or server is null", ANDROID_LOG_ERROR));
     EXPECT_EQ(41, p.sequenceNumber);

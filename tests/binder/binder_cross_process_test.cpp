@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -95,6 +96,14 @@ TEST(Probemonctl, UsageAndAbsentServiceAreClearFailures) {
     auto [code, out] = ctl("rtt wlan0", "PROBEMOND_BINDER_DIR=/nonexistent");
     EXPECT_EQ(1, code);
     EXPECT_NE(std::string::npos, out.find("probemond_Binder is not running")) << out;
+}
+
+TEST(Callback, NoClientGivesZeroAfterThreePausesAndNoLog) {
+    LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, IKestNetworkProbeMonCallback::notify("wlan0"));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(15));
+    EXPECT_TRUE(log.texts().empty()) << log.dump();
 }
 
 TEST(Callback, WatchAnswersNotify) {
