@@ -6,9 +6,13 @@
    liblog and libbase) with the defines of a vendor build on Android 15, never
    against platform/host/. Debian packages an older platform release than
    Android 15, so what changed in those libraries since is not seen here.
+   A module's sources see its local_include_dirs; GoogleTest's headers come
+   from Debian's packages, which have the platform googletest's API.
 2. Android.bp and the CMake build agree on the sources of each binary, through
-   their static libraries. CMake's side comes from its file API (codemodel-v2),
-   so it is what CMake really builds, not a reading of CMakeLists.txt.
+   their static libraries, and the device test module agrees with the CMake
+   unit tests it mirrors (the targets in the folder named below). CMake's side
+   comes from its file API (codemodel-v2), so it is what CMake really builds,
+   not a reading of CMakeLists.txt.
 
 Usage: check_device.py REPO_ROOT CMAKE_BUILD_DIR
 """
@@ -20,6 +24,8 @@ import subprocess
 import sys
 
 BINARIES = ("probemond", "probemonctl")
+# Device test module -> the FOLDER of the CMake unit-test targets it mirrors.
+TEST_MODULES = {"probemond_unit_test": "device-tests"}
 CXX_EXT = (".cpp", ".cc", ".cxx")
 PLATFORM_INCLUDE = "/usr/include/android"
 # A vendor module on Android 15 is built with these; 202404 is that release's
@@ -129,7 +135,8 @@ class Blueprint:
 
 
 def bp_sources(bp):
-    """All C++ sources, and each binary's sources through defaults and static libraries."""
+    """Each C++ source with its module's include folders, and each binary's and
+    test module's sources through defaults and static libraries."""
     by_name = {props["name"]: (kind, props) for kind, props in bp.modules if "name" in props}
 
     def prop(name, key, seen=()):
@@ -150,14 +157,15 @@ def bp_sources(bp):
                 srcs |= closure(lib, seen)
         return srcs
 
-    every = []
+    every = {}
     for kind, props in bp.modules:
-        if kind.startswith("cc_"):
+        if kind.startswith("cc_") and "name" in props:
+            includes = prop(props["name"], "local_include_dirs")
             for s in props.get("srcs", []):
                 if s.endswith(CXX_EXT) and s not in every:
-                    every.append(s)
+                    every[s] = includes
     per_binary = {}
-    for b in BINARIES:
+    for b in BINARIES + tuple(TEST_MODULES):
         if b not in by_name:
             fail(f"Android.bp has no module {b}")
         per_binary[b] = {s for s in closure(b, set()) if s.endswith(CXX_EXT)}
@@ -212,14 +220,21 @@ def cmake_sources(root, build):
         if b not in by_name:
             fail(f"CMake builds no target {b}")
         per_binary[b] = closure(by_name[b], set())
+    for module, folder in TEST_MODULES.items():
+        mirrored = [t for t in targets.values() if t.get("folder", {}).get("name") == folder]
+        if not mirrored:
+            fail(f"CMake has no target in folder {folder} for {module}")
+        seen = set()
+        per_binary[module] = set().union(*(closure(t, seen) for t in mirrored))
     return per_binary
 
 
-def compile_one(root, src):
+def compile_one(root, src, includes):
     # -H lists every header read: none may come from the host stand-ins.
+    local = [arg for d in includes for arg in ("-I", os.path.join(root, d))]
     cmd = (["clang++"] + CLANG_FLAGS +
-           ["-H", "-include", os.path.join(root, "device/check/parcel-includes.h"),
-            "-I", root, "-I", os.path.join(root, "device/check/shim"), "-I", PLATFORM_INCLUDE,
+           ["-H", "-include", os.path.join(root, "device/check/parcel-includes.h")] + local +
+           ["-I", os.path.join(root, "device/check/shim"), "-I", PLATFORM_INCLUDE,
             os.path.join(root, src)])
     r = subprocess.run(cmd, capture_output=True, text=True, cwd=root)
     headers = [ln.lstrip(". ") for ln in r.stderr.splitlines() if re.match(r"\.+ ", ln)]
@@ -240,13 +255,15 @@ def main():
     ok = True
 
     cm_bins = cmake_sources(root, build)
-    for b in BINARIES:
+    for b in BINARIES + tuple(TEST_MODULES):
         only_bp = sorted(bp_bins[b] - cm_bins[b])
         only_cm = sorted(cm_bins[b] - bp_bins[b])
+        cmake_side = (f"the CMake unit tests marked DEVICE (folder {TEST_MODULES[b]})"
+                      if b in TEST_MODULES else "the CMake build")
         for s in only_bp:
-            print(f"{b}: {s} is in Android.bp, not in the CMake build")
+            print(f"{b}: {s} is in Android.bp, not in {cmake_side}")
         for s in only_cm:
-            print(f"{b}: {s} is in the CMake build, not in Android.bp")
+            print(f"{b}: {s} is in {cmake_side}, not in Android.bp")
         if only_bp or only_cm:
             ok = False
         else:
@@ -261,7 +278,7 @@ def main():
     for s in missing:
         print(f"{s}: listed in Android.bp, no such file")
     with concurrent.futures.ThreadPoolExecutor(max_workers=os.cpu_count() or 2) as pool:
-        for src, rc, err in pool.map(lambda s: compile_one(root, s),
+        for src, rc, err in pool.map(lambda s: compile_one(root, s, every[s]),
                                      [s for s in every if s not in missing]):
             if rc != 0:
                 failed.append(src)
