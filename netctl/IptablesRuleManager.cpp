@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "common/Log.h"
+#include "common/LogText.h"
 #include "netctl/SockDiag.h"
 #include "netctl/UidText.h"
 
