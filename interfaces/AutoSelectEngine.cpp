@@ -1,5 +1,6 @@
 #include "interfaces/AutoSelectEngine.h"
 
+#include <algorithm>
 #include <climits>
 
 #include "common/Log.h"
@@ -20,18 +21,22 @@ AutoSelectEngine::AutoSelectEngine(const InterfaceMap& ifaceMap, Selection& sele
 Candidates AutoSelectEngine::enable(const char* ifaces) {
     disable();
     ifaceMutex.lock();
-    std::string rest = ifaces ? ifaces : "";
-    std::vector<std::string> tokens;
-    for (size_t comma = rest.find(','); comma != std::string::npos; comma = rest.find(',')) {
-        tokens.push_back(rest.substr(0, comma));
-        rest.erase(0, comma + 1);
-    }
     autoSelectIfaces.clear();
-    for (const std::string& token : tokens) {
-        InterfaceInfo* info = findInterface(ifaceMap_, token);
+    // One pass over the text: a parcel holds over 100,000 commas.
+    const std::string list = ifaces ? ifaces : "";
+    for (size_t start = 0, comma; (comma = list.find(',', start)) != std::string::npos;
+         start = comma + 1) {
+        InterfaceInfo* info = findInterface(ifaceMap_, list.substr(start, comma - start));
         if (info == nullptr) continue;
+        if (autoSelectIfaces.size() >= kMaxCandidates) {
+            auto listed = std::find(autoSelectIfaces.begin(), autoSelectIfaces.end(), info);
+            if (listed != autoSelectIfaces.end()) {
+                std::rotate(autoSelectIfaces.begin(), listed, listed + 1);
+                continue;
+            }
+        }
         LOGD("%s Auto select tries to start ping thread on %s", "enableAutoSelect",
-             token.c_str());
+             info->name.c_str());
         info->isControlByAutoSelect = true;
         autoSelectIfaces.insert(autoSelectIfaces.begin(), info);
     }
