@@ -1,6 +1,7 @@
 #include "daemon/KestNetworkProbeMondDump.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
@@ -42,23 +43,54 @@ private:
     bool blocked_ = false;
 };
 
-// Chunks of PIPE_BUF never block once poll reports the pipe writable.
+// The client's descriptor may block a write that poll said would go (a
+// terminal with a little room takes a chunk only as it drains), so it is
+// written non-blocking while the dump lasts.
+class ScopedNonBlocking {
+public:
+    explicit ScopedNonBlocking(int fd) : fd_(fd), flags_(fcntl(fd, F_GETFL)) {
+        if (flags_ >= 0 && (flags_ & O_NONBLOCK) == 0) fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK);
+    }
+    ~ScopedNonBlocking() {
+        if (flags_ >= 0 && (flags_ & O_NONBLOCK) == 0) fcntl(fd_, F_SETFL, flags_);
+    }
+    ScopedNonBlocking(const ScopedNonBlocking&) = delete;
+    ScopedNonBlocking& operator=(const ScopedNonBlocking&) = delete;
+
+private:
+    const int fd_;
+    const int flags_;
+};
+
+// A reader that stops draining must not hold a binder thread for ever: the
+// dump ends after this long without progress.
 constexpr int kDumpWriteTimeoutMs = 2000;
 
+int64_t nowMs() {
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
+}
+
 int writeAll(int fd, const std::string& text) {
+    ScopedNonBlocking nonBlocking(fd);
     size_t done = 0;
+    int64_t deadline = nowMs() + kDumpWriteTimeoutMs;
     while (done < text.size()) {
+        const int64_t left = deadline - nowMs();
+        if (left <= 0) return -ETIMEDOUT;
         pollfd p{fd, POLLOUT, 0};
-        int ready = poll(&p, 1, kDumpWriteTimeoutMs);
+        int ready = poll(&p, 1, static_cast<int>(left));
         if (ready < 0 && errno == EINTR) continue;
         if (ready == 0) return -ETIMEDOUT;
         if (ready < 0) return -errno;
         if (p.revents & (POLLERR | POLLNVAL)) return -EPIPE;
         size_t chunk = std::min<size_t>(text.size() - done, PIPE_BUF);
         ssize_t n = write(fd, text.data() + done, chunk);
-        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n <= 0) return -errno;
         done += static_cast<size_t>(n);
+        deadline = nowMs() + kDumpWriteTimeoutMs;
     }
     return 0;
 }

@@ -8,7 +8,7 @@ ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 SECONDS_EACH="${1:-60}"
 [[ "$SECONDS_EACH" =~ ^[0-9]+$ ]] && [ "$SECONDS_EACH" -gt 0 ] || { echo "usage: fuzz.sh [SECONDS]" >&2; exit 2; }
 BUILD="${PROBEMOND_FUZZ_BUILD_DIR:-$ROOT/build-fuzz}"
-TARGETS=(fuzz_transact fuzz_icmp_reply fuzz_sockdiag)
+TARGETS=(fuzz_transact fuzz_icmp_reply fuzz_sockdiag fuzz_client_text)
 
 if [ ! -f "$BUILD/CMakeCache.txt" ]; then
     gen=(); command -v ninja >/dev/null && gen=(-G Ninja)

@@ -152,6 +152,25 @@ bool sockDiagSeeds() {
     return ok;
 }
 
+bool clientTextSeeds() {
+    bool ok = true;
+    auto seed = [&](const char* name, uint8_t op, const std::string& text) {
+        Bytes in = {op};
+        append(in, text.data(), text.size());
+        ok &= writeSeed("fuzz_client_text", name, in);
+    };
+    seed("rtt-known", 0, "wlan0");
+    seed("rtt-long", 0, "rmnet_data0rmnet_data1rmnet_data2wlan0wlan1");
+    seed("controls", 1, "rmnet_data7");
+    seed("list", 2, "wlan0,bogus,,rmnet_data0,wlan0,wlan1");
+    std::string repeats = "wlan0,rmnet_data0,";
+    for (int i = 0; i < 100; ++i) repeats += "wlan1,";
+    seed("list-repeats", 2, repeats + "rmnet_data0,");
+    seed("uid", 3, "10123");
+    seed("uid-octal", 3, "010");
+    return ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -161,7 +180,7 @@ int main(int argc, char** argv) {
     }
     gRoot = argv[1];
     mkdir(gRoot.c_str(), 0755);
-    const bool ok = transactSeeds() && icmpSeeds() && sockDiagSeeds();
+    const bool ok = transactSeeds() && icmpSeeds() && sockDiagSeeds() && clientTextSeeds();
     if (!ok) perror("fuzz_make_corpus");
     return ok ? 0 : 1;
 }

@@ -1,5 +1,6 @@
 #include "interfaces/AutoSelectEngine.h"
 
+#include <algorithm>
 #include <climits>
 #include <string>
 
@@ -23,18 +24,24 @@ Candidates AutoSelectEngine::restartOn(Selection& selection, const char* ifaces)
     Candidates autoSelectIfaces;
     {
         AbandonableLock lock(selection.ifaceMutex);
-        std::string rest = ifaces ? ifaces : "";
-        std::vector<std::string> tokens;
-        for (size_t comma = rest.find(','); comma != std::string::npos; comma = rest.find(',')) {
-            tokens.push_back(rest.substr(0, comma));
-            rest.erase(0, comma + 1);
-        }
-        for (const std::string& token : tokens) {
-            const auto found = ifaceMap_.find(token);
+        // One pass over the text: a parcel holds over 100,000 commas.
+        const std::string list = ifaces ? ifaces : "";
+        for (size_t start = 0, comma; (comma = list.find(',', start)) != std::string::npos;
+             start = comma + 1) {
+            const auto found = ifaceMap_.find(list.substr(start, comma - start));
             if (found == ifaceMap_.end()) continue;
-            LOGD("%s Auto select tries to start ping thread on %s", "enableAutoSelect", token.c_str());
-            found->second->isControlByAutoSelect = true;
-            autoSelectIfaces.insert(autoSelectIfaces.begin(), found->second);
+            InterfaceInfo* info = found->second;
+            if (autoSelectIfaces.size() >= kMaxCandidates) {
+                auto listed = std::find(autoSelectIfaces.begin(), autoSelectIfaces.end(), info);
+                if (listed != autoSelectIfaces.end()) {
+                    std::rotate(autoSelectIfaces.begin(), listed, listed + 1);
+                    continue;
+                }
+            }
+            LOGD("%s Auto select tries to start ping thread on %s", "enableAutoSelect",
+                 info->name.c_str());
+            info->isControlByAutoSelect = true;
+            autoSelectIfaces.insert(autoSelectIfaces.begin(), info);
         }
     }
     isAutoSelectEnabled = true;

@@ -27,6 +27,11 @@ inline constexpr int32_t kBetterThanMrtt = 100;
 inline constexpr int32_t kDataForcePingRtt = 200;
 inline constexpr int32_t kWifiForcePingRtt = 101;
 inline constexpr uint32_t kDecisionPeriodUs = 100000;
+// A list names each interface once or a few times. Past this many entries
+// a repeated name moves its interface to the front instead of standing
+// again: the walk meets a record's front-most entry first, so every decision
+// stays the same while a list of tens of thousands of repeats stays short.
+inline constexpr size_t kMaxCandidates = 64;
 
 using Candidates = std::vector<InterfaceInfo*>;
 
@@ -42,7 +47,8 @@ public:
     // selection go; then makes the listed records the candidates and turns
     // the engine on. The list is comma-terminated (text after the last comma
     // is dropped); unknown names are skipped. Returns the candidates, last
-    // listed first, for the thread.
+    // listed first, for the thread; at most kMaxCandidates of them, plus
+    // interfaces first named past that.
     Candidates restartOn(Selection& selection, const char* ifaces)
             PM_EXCLUDES(selection.ifaceMutex);
     // Turns the engine off; its thread finishes after its current turn.

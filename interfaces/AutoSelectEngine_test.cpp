@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -163,6 +164,26 @@ TEST(AutoSelectThread, SwitchesAndStopsInOrderWhileSelectionWaits) {
                        "selectInterface prev=rmnet_data0, curr=wlan0, kill=1"}),
               withoutThreadIds(log.texts()));
     EXPECT_EQ((std::vector<uint32_t>{100000, 100000}), fake.sleeper.requests());
+}
+
+// A parcel's worth of repeats keeps the list short and decides as the full
+// list would: each interface where its last mention puts it (a repeat that
+// were merely dropped would leave rmnet_data0 behind wlan1).
+TEST(AutoSelectList, RepeatsPastTheBoundMoveTheirInterfaceToTheFront) {
+    TempPropertyFile props;
+    EngineRig fake;
+    std::string list = "wlan0,rmnet_data0,";
+    for (int i = 0; i < 20000; ++i) list += "wlan1,";
+    LogCapture log;
+    const Candidates c = fake.engine.restartOn(fake.selection, (list + "rmnet_data0,bogus,").c_str());
+    EXPECT_EQ(kMaxCandidates, c.size());
+    EXPECT_EQ(kMaxCandidates, log.texts().size());
+    std::vector<std::string> order;
+    for (InterfaceInfo* info : c) {
+        if (std::find(order.begin(), order.end(), info->name) == order.end()) order.push_back(info->name);
+    }
+    EXPECT_EQ((Strings{"rmnet_data0", "wlan1", "wlan0"}), order);
+    fake.engine.stop();
 }
 
 // Deliberately never released: the manager and the two blocked threads stay

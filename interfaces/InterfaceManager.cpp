@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/Log.h"
+#include "common/LogText.h"
 #include "common/Properties.h"
 #include "interfaces/PingWorker.h"
 
@@ -182,16 +183,17 @@ int32_t InterfaceManager::getInterfaceRtt(const char* iface) {
     if (iface == nullptr) return -1;
     struct ifreq request;
     memset(&request, 0, sizeof(request));
+    // The name field holds 15 characters and the terminator. No interface has
+    // a longer name, so it is answered like one that is not running, and a
+    // client cannot end the daemon with it.
+    const size_t length = strlen(iface);
+    if (length >= sizeof(request.ifr_name)) {
+        LOGE("%s interface name too long: %s", "getInterfaceRtt", printableForLog(iface).c_str());
+        return -1;
+    }
+    memcpy(request.ifr_name, iface, length + 1);
     {
         android::base::unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        // The name field holds 15 characters and the terminator; anything
-        // longer is a caller bug, and ends the process like a bounded copy.
-        const size_t length = strlen(iface);
-        if (length >= sizeof(request.ifr_name)) {
-            LOGF("%s interface name too long: %s", "getInterfaceRtt", iface);
-            abort();
-        }
-        memcpy(request.ifr_name, iface, length + 1);
         if (sock.get() >= 0) ioctl(sock.get(), SIOCGIFFLAGS, &request);
     }
     if ((request.ifr_flags & IFF_RUNNING) == 0) return -1;

@@ -54,6 +54,11 @@ TEST(Registry, EveryInterfaceRow) {
     for (const char* name : {"", "wlan2", "WLAN0", "wlan0 ", "rmnet_data", "rmnet_data8"}) {
         EXPECT_EQ(nullptr, fake.m.getIfaceInfo(name)) << "'" << name << "'";
     }
+    // Too long for any interface: -1 and a short, printable line, not an abort.
+    LogCapture log;
+    EXPECT_EQ(-1, fake.m.getInterfaceRtt(("wlan0\n" + std::string(40, 'x')).c_str()));
+    EXPECT_EQ(Strings{"getInterfaceRtt interface name too long: wlan0?" + std::string(26, 'x') + "..."},
+              log.texts());
 }
 
 // Workers the client started and auto-select candidates it never started

@@ -1,6 +1,7 @@
 #include "netctl/IptablesRuleManager.h"
 
 #include "common/Log.h"
+#include "common/LogText.h"
 #include "netctl/SockDiag.h"
 #include "netctl/UidText.h"
 

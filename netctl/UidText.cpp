@@ -1,5 +1,6 @@
 #include "netctl/UidText.h"
 
+#include <cstddef>
 #include <cstdint>
 
 namespace probemond {
@@ -17,18 +18,6 @@ bool isValidUidText(const char* text) {
         value = value * 10 + static_cast<uint64_t>(*p - '0');
     }
     return value < 4294967295u;
-}
-
-std::string printableForLog(const char* text, size_t maxChars) {
-    if (text == nullptr) return "(null)";
-    std::string out;
-    size_t i = 0;
-    for (; text[i] != '\0' && i < maxChars; ++i) {
-        unsigned char c = static_cast<unsigned char>(text[i]);
-        out += (c >= 0x20 && c < 0x7f) ? static_cast<char>(c) : '?';
-    }
-    if (text[i] != '\0') out += "...";
-    return out;
 }
 
 }  // namespace probemond

@@ -1,16 +1,10 @@
 // UIDs arrive as text from binder clients and end up in shell command lines.
 #pragma once
 
-#include <cstddef>
-#include <string>
-
 namespace probemond {
 
 // Decimal text of a valid UID: 1 to 10 digits, no sign, no spaces, no
 // leading zero, value below 4294967295 ((uid_t)-1 means "no UID").
 bool isValidUidText(const char* text);
-
-// A bounded, printable rendering of untrusted text for a log line.
-std::string printableForLog(const char* text, size_t maxChars = 32);
 
 }  // namespace probemond

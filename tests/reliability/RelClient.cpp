@@ -13,7 +13,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
@@ -74,8 +76,8 @@ void stillServes(const std::string& what) {
 }
 
 int stress(double seconds, unsigned seed, double cycle) {
-    // Every name is shorter than 16 characters: a longer one ends the daemon in rtt.
-    const char* names[] = {"wlan0", "wlan1", "rmnet_data0", "rmnet_data7", "eth0", "", "wlan0;id", "10200", "abc"};
+    const char* names[] = {"wlan0", "wlan1", "rmnet_data0", "rmnet_data7", "eth0", "", "wlan0;id", "10200", "abc",
+                           "rmnet_data0wlan0", "wlan0\x01\xff rmnet_data0 rmnet_data1 rmnet_data2"};
     std::mt19937 rng(seed);
     const auto start = std::chrono::steady_clock::now();
     auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
@@ -98,7 +100,7 @@ int stress(double seconds, unsigned seed, double cycle) {
         // Mostly reads, as a client polls; 14 goes to the platform's default.
         const uint32_t codes[] = {6, 6, 6, 6, 6, 6, 6, 6, 1, 1, 2, 2, 3, 4, 5, 7, 8, 9, 10, 14};
         const uint32_t code = codes[rng() % 20];
-        const std::string arg = names[rng() % 9];
+        const std::string arg = names[rng() % std::size(names)];
         const status_t s = send(code, cstr(arg), &r);
         if (code == 14) note(s == UNKNOWN_TRANSACTION, "code 14: " + std::to_string(s));
         else if (code == M::GET_RTT) note(s == OK && r >= -1 && r <= 5000, "rtt " + arg + ": " + std::to_string(r));
@@ -183,9 +185,41 @@ int malformed() {
         const std::string got = raw(bytes, fd);
         note(got == expected, "raw message of " + std::to_string(bytes.size()) + " bytes: " + got);
     }
-    std::vector<Fd> idle(200);
-    for (Fd& s : idle) s.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     stillServes("raw messages");
+    // Client text at its limits: names too long for any interface, a parcel's worth of list.
+    for (const std::string& name : {std::string("rmnet_data0wlan0"), "wlan0\x01\xff" + std::string(40, 'x')}) {
+        int32_t r = 0;
+        note(send(M::GET_RTT, cstr(name), &r) == OK && r == -1, "rtt of a long name: " + std::to_string(r));
+    }
+    std::string repeats;
+    while (repeats.size() < 120 * 1024) repeats += "wlan0,";
+    for (const std::string& list : {repeats, std::string(120 * 1024, ',')}) {
+        int32_t r = -1;
+        note(send(M::ENABLE_AUTO_SELECT, cstr(list), &r) == OK && r == 0, "a list of 120 KiB");
+    }
+    note(send(M::DISABLE_AUTO_SELECT, "") == OK, "disable");
+    // Idle connections beyond the bound are closed at once; the others stay.
+    std::vector<Fd> idle;
+    std::vector<pollfd> watched;
+    for (int i = 0; i < 300; i++) {
+        Fd c(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        sockaddr_un addr{AF_UNIX, {}};
+        snprintf(addr.sun_path, sizeof addr.sun_path, "%s/probemond_Binder", ProcessState::self()->hostDirectory().c_str());
+        if (connect(c.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return 1;
+        watched.push_back({c.get(), POLLIN, 0});
+        idle.push_back(std::move(c));
+    }
+    int closed = 0;
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+         closed < 300 - 256 && std::chrono::steady_clock::now() < deadline;) {
+        poll(watched.data(), watched.size(), 100);
+        closed = static_cast<int>(std::count_if(watched.begin(), watched.end(), [](const pollfd& p) { return p.revents != 0; }));
+    }
+    note(closed >= 300 - 256 && closed <= 100, "idle connections closed by the daemon: " + std::to_string(closed));
+    idle.clear();
+    gService = defaultServiceManager()->checkService(String16("probemond_Binder"));
+    if (gService == nullptr) return 1;
+    stillServes("idle connections");
     printf("malformed calls=%d bad=%d\n", gCalls, gBad);
     return gBad == 0 ? 0 : 1;
 }

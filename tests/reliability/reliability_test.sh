@@ -10,6 +10,7 @@ readonly UID_APP=10123
 figure() { echo "FIGURE: $*"; }
 rel() { pd_bin probemond-rel-client "$@"; }
 rel_within() { local PD_LAUNCH=(timeout "$1"); rel "${@:2}"; }  # SECONDS ARGS...
+pd_ctl_as() { local PD_LAUNCH=(setpriv --reuid="$1" --regid="$1" "$2"); pd_bin probemonctl "${@:3}"; }  # UID GROUPS ARGS...
 
 # A wrapper folder whose two tools run the shell text BODY; "$real" in it is the lab's tool.
 fake_bin() {
@@ -289,12 +290,46 @@ case_malformed_parcels() {
     # Every kind of call once first, so nothing opened lazily counts as a leak.
     pd_ctl rtt wlan0 >/dev/null; pd_ctl dump >/dev/null; pd_ctl disable-auto-select >/dev/null
     local before; before="$(at_rest)"
-    rel malformed >"$PD_TMP/malformed" 2>&1 || fail "malformed run: $(tail -n 5 "$PD_TMP/malformed")"
+    rel_within 90 malformed >"$PD_TMP/malformed" 2>&1 || fail "malformed run: $(tail -n 5 "$PD_TMP/malformed")"
     # No malformed request reached select with a bad name: the mutex is free.
     expect_eq "select afterwards" 0 "$(pd_ctl_within 5 select wlan0)"
+    expect_eq "long names, each in one printable line" 2 \
+        "$(pd_log_texts | grep -c '^getInterfaceRtt interface name too long: [ -~]*$')"
+    local tries; tries="$(pd_log_count 'Auto select tries to start ping thread')"
+    [ "$tries" -ge 1 ] && [ "$tries" -le 64 ] || fail "a list of 20,000 names logged $tries lines"
     expect_no_growth "$before"
     expect_healthy "after malformed requests"
     figure "$(grep '^malformed ' "$PD_TMP/malformed") fds_threads=$before"
+}
+
+# The daemon runs as uid 1000, as init runs it, and admits group 3003: a
+# stranger is refused and changes nothing; its owner, root and a member of
+# 3003 are served; root's callback, open to group 1000, reaches it.
+case_binder_access() {
+    chmod 711 "$PD_TMP"
+    mkdir -p "$PROBEMOND_BINDER_DIR" && chown 1000 "$PROBEMOND_BINDER_DIR"
+    : >"$PD_TMP/commands" && chmod 666 "$PD_TMP/commands"
+    local PD_LAUNCH=(env PROBEMOND_BINDER_GROUP=3003 setpriv --reuid=1000 --regid=1000 --groups=3003)
+    pd_start_daemon "$(fake_bin "echo \"\$*\" >>$PD_TMP/commands")" || { fail "start"; return; }
+    PD_LAUNCH=()
+    local before out rc
+    before="$(pd_log_count 'onTransact')"
+    out="$(pd_ctl_as 2001 --clear-groups add-uid $UID_APP 2>&1)"; rc=$?
+    expect_eq "stranger's exit status" 1 "$rc"
+    [[ "$out" == "probemonctl: permission denied: "* ]] || fail "stranger was told '$out'"
+    expect_eq "calls the daemon took from the stranger" "$before" "$(pd_log_count 'onTransact')"
+    expect_eq "commands for the stranger" "" "$(grep -e "--uid-owner" "$PD_TMP/commands")"
+    expect_eq "owner" 0 "$(pd_ctl_as 1000 --clear-groups add-uid $UID_APP)"
+    grep -q -e "--uid-owner $UID_APP " "$PD_TMP/commands" || fail "the owner's add-uid ran no command"
+    expect_eq "member of 3003" 0 "$(pd_ctl_as 2002 --groups=3003 select wlan0)"
+    [[ "$(pd_ctl rtt wlan0)" =~ ^-?[0-9]+$ ]] || fail "root was not served"
+    # As the lab starts its clients: their sockets open to the daemon's group.
+    PROBEMOND_BINDER_GROUP=1000 pd_bg watch pd_bin probemonctl watch
+    pd_wait_file "$PD_TMP/watch" "serving" 5 || { fail "watch did not start"; return; }
+    pd_ctl auto-select "wlan0," >/dev/null
+    pd_wait_file "$PD_TMP/watch" "onAutoSelect(wlan0)" 5 || fail "the daemon did not reach root's callback"
+    pd_ctl disable-auto-select >/dev/null
+    expect_healthy "after callers were sorted"
 }
 
 pd_run_case "${1:-}"

@@ -1,7 +1,5 @@
 #include "tools/probemonctl/Top.h"
 
-#include "daemon/IKestNetworkProbeMon.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -17,8 +15,9 @@
 #include <sstream>
 #include <thread>
 
-#include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
+
+#include "tools/probemonctl/ServiceLookup.h"
 
 using namespace android;
 
@@ -26,7 +25,6 @@ namespace probemond::ctl {
 
 namespace {
 
-constexpr const char* kServiceName = android::IKestNetworkProbeMon::kServiceName;
 constexpr size_t kShownSwitches = 5;
 constexpr size_t kSparkWidth = 10;
 
@@ -185,11 +183,8 @@ void onSignal(int) { gStop = 1; }
 
 // The dump transaction, its text collected from the pipe.
 bool fetchDump(std::string* text, std::string* error) {
-    sp<IBinder> binder = defaultServiceManager()->checkService(String16(kServiceName));
-    if (binder == nullptr) {
-        *error = std::string("service ") + kServiceName + " is not running";
-        return false;
-    }
+    sp<IBinder> binder = findService(error);
+    if (binder == nullptr) return false;
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) {
         *error = std::string("pipe: ") + strerror(errno);

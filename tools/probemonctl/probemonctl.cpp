@@ -20,6 +20,7 @@
 
 #include "daemon/IKestNetworkProbeMon.h"
 #include "daemon/IKestNetworkProbeMonCallback.h"
+#include "tools/probemonctl/ServiceLookup.h"
 #include "tools/probemonctl/Top.h"
 
 using namespace android;
@@ -27,7 +28,6 @@ using namespace android;
 namespace {
 
 constexpr const char* kDriver = IKestNetworkProbeMon::kDriver;
-constexpr const char* kServiceName = IKestNetworkProbeMon::kServiceName;
 constexpr const char* kCallbackName = IKestNetworkProbeMonCallback::kServiceName;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
@@ -102,16 +102,9 @@ bool parseInt(const char* text, long long lo, long long hi, long long* out) {
 }
 
 sp<IBinder> findService() {
-    sp<IBinder> binder = defaultServiceManager()->checkService(String16(kServiceName));
-    if (binder == nullptr) {
-#ifdef PROBEMOND_HOST
-        // The host stand-in's services are sockets in a folder; name it.
-        fprintf(stderr, "probemonctl: service %s is not running (looked in %s)\n", kServiceName,
-                ProcessState::self()->hostDirectory().c_str());
-#else
-        fprintf(stderr, "probemonctl: service %s is not running\n", kServiceName);
-#endif
-    }
+    std::string error;
+    sp<IBinder> binder = probemond::ctl::findService(&error);
+    if (binder == nullptr) fprintf(stderr, "probemonctl: %s\n", error.c_str());
     return binder;
 }
 

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <grp.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -64,6 +66,27 @@ TEST(ServiceManager, NamesRegistrationLookupAndDeadServices) {
     sp<BpBinder> wrongPid = new BpBinder(serviceDir() + "/echo%one", getpid() + 1);
     EXPECT_EQ(DEAD_OBJECT, wrongPid->pingBinder());
     EXPECT_FALSE(wrongPid->isBinderAlive());
+}
+
+// Connecting takes write permission: the owner's alone, or its and the
+// named group's (by name or by number); a name of no group publishes nothing.
+TEST(ServiceManager, SocketsAdmitTheOwnerAndTheNamedGroupOnly) {
+    sp<Echo> echo = new Echo();
+    const std::pair<std::string, gid_t> groups[] = {
+        {"", getegid()}, {getgrgid(getegid())->gr_name, getegid()}, {getuid() == 0 ? "4242" : "", 4242}};
+    for (const auto& [group, gid] : groups) {
+        setenv("PROBEMOND_BINDER_GROUP", group.c_str(), 1);
+        const std::string name = "mode" + std::to_string(gid) + group;
+        ASSERT_EQ(OK, defaultServiceManager()->addService(String16(name.c_str()), echo)) << group;
+        struct stat st {};
+        ASSERT_EQ(0, stat((serviceDir() + "/" + name).c_str(), &st));
+        EXPECT_EQ(group.empty() ? 0600u : 0660u, st.st_mode & 0777) << group;
+        EXPECT_TRUE(group.empty() || st.st_gid == gid) << group;
+    }
+    setenv("PROBEMOND_BINDER_GROUP", "no-such-group-here", 1);
+    EXPECT_EQ(BAD_VALUE, defaultServiceManager()->addService(String16("nogroup"), echo));
+    EXPECT_NE(0, access((serviceDir() + "/nogroup").c_str(), F_OK));
+    unsetenv("PROBEMOND_BINDER_GROUP");
 }
 
 TEST(Transport, StatusesOnewayAndOversizeReply) {

@@ -28,21 +28,31 @@ public:
         return checkService(name);
     }
 
-    sp<IBinder> checkService(const String16& name16) const override {
+    sp<IBinder> checkService(const String16& name) const override {
+        sp<IBinder> service;
+        lookup(name, &service);
+        return service;
+    }
+
+    status_t lookup(const String16& name16, sp<IBinder>* service) const {
         const std::string name = toUtf8(name16);
-        if (!binder_host::isValidServiceName(name)) return nullptr;
+        if (!binder_host::isValidServiceName(name)) return NAME_NOT_FOUND;
         {
             // Our own services are the objects themselves, as the driver hands them back.
             std::lock_guard<std::mutex> g(mLock);
             auto it = mLocal.find(name);
-            if (it != mLocal.end()) return it->second;
+            if (it != mLocal.end()) {
+                *service = it->second;
+                return OK;
+            }
         }
         UniqueFd conn;
         pid_t pid = 0;
-        if (!mDirectory.connect(name, &conn, &pid)) return nullptr;
+        if (status_t err = mDirectory.connect(name, &conn, &pid); err != OK) return err;
         sp<BpBinder> proxy = new BpBinder(mDirectory.path() + "/" + binder_host::serviceFileName(name), pid);
         proxy->adoptConnection(conn.release());
-        return proxy;
+        *service = proxy;
+        return OK;
     }
 
     status_t addService(const String16& name16, const sp<IBinder>& service, bool, int) override {
@@ -83,6 +93,11 @@ private:
 };
 
 }  // namespace
+
+status_t hostCheckService(const String16& name, sp<IBinder>* service) {
+    *service = nullptr;
+    return static_cast<HostServiceManager*>(defaultServiceManager().get())->lookup(name, service);
+}
 
 sp<IServiceManager> defaultServiceManager() {
     static IServiceManager* const manager = [] {

@@ -17,6 +17,10 @@ namespace {
 
 // A client that stops reading its replies must not hold a pool thread for good.
 constexpr int kReplySendTimeoutSec = 5;
+// Clients that open connections and keep them must not use up the process's
+// descriptors (its probes and commands need some); past this many, new ones
+// are closed at once and their callers see a dead object.
+constexpr size_t kMaxConnections = 256;
 
 }  // namespace
 
@@ -66,6 +70,10 @@ void Server::handle(Endpoint* ep) {
         // Several threads may wake for one connection; the losers get EAGAIN.
         UniqueFd conn(accept4(ep->fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!conn.ok()) return;
+        {
+            std::lock_guard<std::mutex> g(mLock);
+            if (mConnections.size() >= kMaxConnections) return;
+        }
         timeval tv{kReplySendTimeoutSec, 0};
         setsockopt(conn.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
         Endpoint* c = new Endpoint{false, std::move(conn), ep->binder, std::string()};

@@ -3,8 +3,10 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,6 +14,8 @@
 #include <unistd.h>
 
 #include <atomic>
+
+#include <log/log.h>
 
 namespace android::binder_host {
 namespace {
@@ -43,6 +47,37 @@ int makeDirs(const std::string& dir) {
         if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return -errno;
     }
     return 0;
+}
+
+// The group that may connect besides the owner and root, or -1 for none.
+status_t binderGroup(gid_t* gid) {
+    *gid = static_cast<gid_t>(-1);
+    const char* text = getenv("PROBEMOND_BINDER_GROUP");
+    if (text == nullptr || text[0] == '\0') return OK;
+    std::vector<char> buf(1024);
+    group entry{};
+    group* found = nullptr;
+    int rc;
+    while ((rc = getgrnam_r(text, &entry, buf.data(), buf.size(), &found)) == ERANGE &&
+           buf.size() < (1u << 20)) {
+        buf.resize(buf.size() * 2);
+    }
+    if (rc == 0 && found != nullptr) {
+        *gid = found->gr_gid;
+        return OK;
+    }
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long number = strtoul(text, &end, 10);
+    if (text[0] >= '0' && text[0] <= '9' && *end == '\0' && errno == 0 &&
+        number < static_cast<gid_t>(-1)) {
+        *gid = static_cast<gid_t>(number);
+        return OK;
+    }
+    __android_log_print(ANDROID_LOG_ERROR, nullptr,
+                        "host binder: PROBEMOND_BINDER_GROUP=%s names no group; nothing published",
+                        text);
+    return BAD_VALUE;
 }
 
 int connectFd(int sock, int pathFd) {
@@ -91,6 +126,8 @@ int ServiceDirectory::connectPath(const std::string& path, UniqueFd* conn) {
 
 status_t ServiceDirectory::publish(const std::string& name, UniqueFd* listener) const {
     static std::atomic<unsigned> counter{0};
+    gid_t group;
+    if (status_t rc = binderGroup(&group); rc != OK) return rc;
     if (int rc = makeDirs(mDir); rc != 0) return rc;
     UniqueFd dirFd(open(mDir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!dirFd.ok()) return -errno;
@@ -105,8 +142,12 @@ status_t ServiceDirectory::publish(const std::string& name, UniqueFd* listener) 
     sockaddr_un addr = procAddress(dirFd.get(), (std::string("/") + tmp).c_str(), &len);
     unlinkat(dirFd.get(), tmp, 0);
     if (bind(sock.get(), reinterpret_cast<sockaddr*>(&addr), len) != 0) return -errno;
+    // Connecting takes write permission on the socket. Set before listen(), so
+    // nobody connects while it is looser.
+    const bool grouped = group != static_cast<gid_t>(-1);
     int rc = 0;
-    if (fchmodat(dirFd.get(), tmp, 0666, 0) != 0 || listen(sock.get(), kBacklog) != 0 ||
+    if ((grouped && fchownat(dirFd.get(), tmp, static_cast<uid_t>(-1), group, 0) != 0) ||
+        fchmodat(dirFd.get(), tmp, grouped ? 0660 : 0600, 0) != 0 || listen(sock.get(), kBacklog) != 0 ||
         renameat(dirFd.get(), tmp, dirFd.get(), serviceFileName(name).c_str()) != 0) {
         rc = -errno;
         unlinkat(dirFd.get(), tmp, 0);
@@ -116,15 +157,16 @@ status_t ServiceDirectory::publish(const std::string& name, UniqueFd* listener) 
     return OK;
 }
 
-bool ServiceDirectory::connect(const std::string& name, UniqueFd* conn, pid_t* pid) const {
+status_t ServiceDirectory::connect(const std::string& name, UniqueFd* conn, pid_t* pid) const {
     const std::string path = mDir + "/" + serviceFileName(name);
     UniqueFd pathFd(open(path.c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW));
-    if (!pathFd.ok()) return false;
+    if (!pathFd.ok()) return errno == EACCES ? PERMISSION_DENIED : NAME_NOT_FOUND;
     struct stat before;
-    if (fstat(pathFd.get(), &before) != 0 || !S_ISSOCK(before.st_mode)) return false;
+    if (fstat(pathFd.get(), &before) != 0 || !S_ISSOCK(before.st_mode)) return NAME_NOT_FOUND;
     UniqueFd sock(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (!sock.ok()) return false;
+    if (!sock.ok()) return NAME_NOT_FOUND;
     const int rc = connectFd(sock.get(), pathFd.get());
+    if (rc == -EACCES) return PERMISSION_DENIED;
     if (rc == -ECONNREFUSED) {
         // Nobody listens: the registering process died. Remove the socket unless a
         // new registration has replaced it meanwhile.
@@ -133,15 +175,15 @@ bool ServiceDirectory::connect(const std::string& name, UniqueFd* conn, pid_t* p
             now.st_dev == before.st_dev) {
             unlink(path.c_str());
         }
-        return false;
+        return NAME_NOT_FOUND;
     }
-    if (rc != 0) return false;
+    if (rc != 0) return NAME_NOT_FOUND;
     ucred cred{};
     socklen_t credLen = sizeof(cred);
-    if (getsockopt(sock.get(), SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0) return false;
+    if (getsockopt(sock.get(), SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0) return NAME_NOT_FOUND;
     *pid = cred.pid;
     *conn = std::move(sock);
-    return true;
+    return OK;
 }
 
 std::vector<std::string> ServiceDirectory::names() const {

@@ -25,11 +25,15 @@ public:
     explicit ServiceDirectory(std::string dir) : mDir(std::move(dir)) {}
     const std::string& path() const { return mDir; }
 
-    // A listening socket published atomically under the service's name.
+    // A listening socket published atomically under the service's name. Only
+    // this process's user, root and the group named by PROBEMOND_BINDER_GROUP
+    // (a name or a number; BAD_VALUE when it names no group) may connect.
     status_t publish(const std::string& name, UniqueFd* listener) const;
-    // A connection to the named service and the pid serving it; a stale socket
-    // (its process died) is removed and reported as absent.
-    bool connect(const std::string& name, UniqueFd* conn, pid_t* pid) const;
+    // A connection to the named service and the pid serving it: OK,
+    // PERMISSION_DENIED when its socket does not admit this process, or
+    // NAME_NOT_FOUND. A stale socket (its process died) is removed and
+    // reported as absent.
+    status_t connect(const std::string& name, UniqueFd* conn, pid_t* pid) const;
     std::vector<std::string> names() const;
 
     // Connects to a socket path (any length); -errno on failure.

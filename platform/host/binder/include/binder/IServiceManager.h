@@ -30,4 +30,9 @@ public:
 
 sp<IServiceManager> defaultServiceManager();
 
+// Host only: checkService that says why it found nothing: NAME_NOT_FOUND, or
+// PERMISSION_DENIED when the service's socket does not admit this process.
+// On a device a service the caller may not find is simply absent.
+status_t hostCheckService(const String16& name, sp<IBinder>* service);
+
 }  // namespace android
