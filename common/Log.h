@@ -13,7 +13,6 @@
 #define LOGI(...) __android_log_print(ANDROID_LOG_INFO, nullptr, __VA_ARGS__)
 #define LOGW(...) __android_log_print(ANDROID_LOG_WARN, nullptr, __VA_ARGS__)
 #define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, nullptr, __VA_ARGS__)
-#define LOGF(...) __android_log_print(ANDROID_LOG_FATAL, nullptr, __VA_ARGS__)
 
 namespace probemond {
 

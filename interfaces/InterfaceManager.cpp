@@ -5,7 +5,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "common/Log.h"
