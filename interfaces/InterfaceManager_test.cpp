@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <thread>
+
 #include "LogCapture.h"
 #include "TempPropertyFile.h"
 #include "common/Properties.h"
@@ -127,6 +130,61 @@ TEST(Selection, FirstChangeRepeatAndUnknownNames) {
                        "addInterfaceIpRule Invalid interface wlan9", "delInterfaceIpRule Invalid interface "}),
               log.texts());
     EXPECT_EQ("wlan1", fake.m.snapshot().userSelectIface);
+}
+
+// What a restore re-adds: the rules the client's adds left, in the order of
+// their latest add, with the very calls of add-ip-rule.
+TEST(PolicyRules, RestoreRepeatsTheLiveAddsInOrder) {
+    TempPropertyFile props;
+    FakeManager fake;
+    fake.recorder.clear();
+    fake.m.addInterfaceIpRule("wlan0");
+    const Strings addWlan0 = fake.recorder.calls();
+    fake.recorder.clear();
+    fake.m.addInterfaceIpRule("rmnet_data0");
+    const Strings addRmnet0 = fake.recorder.calls();
+    for (const char* add : {"wlan1", "rmnet_data3", "wlan0"}) fake.m.addInterfaceIpRule(add);
+    for (const char* del : {"wlan1", "rmnet_data5", "rmnet_data3"}) fake.m.delInterfaceIpRule(del);
+    fake.recorder.clear();
+    EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules());
+    Strings expected = addRmnet0;
+    expected.insert(expected.end(), addWlan0.begin(), addWlan0.end());
+    EXPECT_EQ(expected, fake.recorder.calls());
+    EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules()) << "a restore is no add";
+}
+
+// Binder calls at once: the list ends as the rules do, whichever came last.
+TEST(PolicyRules, ConcurrentAddsAndDeletesLeaveTheListAsTheRules) {
+    TempPropertyFile props;
+    FakeManager fake;
+    std::vector<std::thread> clients;
+    for (int t = 0; t < 4; ++t) {
+        clients.emplace_back([&fake, t] {
+            for (int i = 0; i < 200; ++i) {
+                const char* iface = (i + t) % 3 ? "wlan0" : "rmnet_data0";
+                if ((i * 7 + t) % 2) {
+                    fake.m.addInterfaceIpRule(iface);
+                } else {
+                    fake.m.delInterfaceIpRule(iface);
+                }
+            }
+        });
+    }
+    for (std::thread& c : clients) c.join();
+    Strings live;
+    for (const char* prio : {"29700", "29500"}) {
+        const Strings calls = fake.recorder.calls();
+        for (auto c = calls.rbegin(); c != calls.rend(); ++c) {
+            if (c->find(prio) == std::string::npos) continue;
+            if (c->rfind("addIpRule", 0) == 0) live.push_back(prio);
+            break;
+        }
+    }
+    Strings listed;
+    for (const std::string& name : fake.m.restoreIpRules()) listed.push_back(fake.info(name).prio);
+    std::sort(listed.begin(), listed.end());
+    std::sort(live.begin(), live.end());
+    EXPECT_EQ(live, listed);
 }
 
 }  // namespace
