@@ -219,10 +219,11 @@ case_callback_killed() {
 case_no_net_admin() {
     # The kernel refuses SOCK_DESTROY (an error record per request, not
     # counted) and the wrappers lose the right too; probing needs no CAP_NET_ADMIN.
+    # The .rc's identity less that capability: a phone whose kernel or policy
+    # withholds it.
     "$PD_LAB" delay wlan0 20
-    local PD_LAUNCH=(setpriv --bounding-set -net_admin --inh-caps -net_admin)
+    lab_read_identity -net_admin || { fail "identity"; return; }
     pd_start_daemon || { fail "start"; return; }
-    PD_LAUNCH=()
     [ $((0x$(sed -n 's/^CapEff:\t*//p' "/proc/$PD_DAEMON_PID/status") & (1 << 12))) -eq 0 ] || fail "CAP_NET_ADMIN kept"
     pd_listen listener 7010 || { fail "listener"; return; }
     pd_ctl add-uid $UID_APP >/dev/null
@@ -259,7 +260,10 @@ case_property_garbage() {
 }
 
 case_uid_injection() {
-    local marker="$PD_TMP/injected" u
+    # The mark an injected command would leave, where the daemon's user may write.
+    local marker="$PD_TMP/writable/injected" u
+    mkdir "$PD_TMP/writable" && chown "$LAB_DAEMON_UID" "$PD_TMP/writable"
+    pd_daemon_file "$PD_TMP/commands"
     pd_start_daemon "$(fake_bin "echo \"\${0##*/} \$*\" >>$PD_TMP/commands; exec \"\$real\" \"\$@\"")" || { fail "start"; return; }
     : >"$PD_TMP/commands"
     local evil=("1000;touch $marker" "\$(touch $marker)" "\`touch $marker\`" $'1000\ntouch '"$marker"
