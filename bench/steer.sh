@@ -8,9 +8,9 @@
 #             timed by its command runner
 #   KILL      that manager destroying the same UIDs' sockets (as many of
 #             them), in a process of its own right after the change
-#   IPRULE    a policy rule of its own added (delete, then add) and deleted
-#             by an ip rule manager: the 3 ip wrapper commands of an
-#             add-ip-rule and a del-ip-rule
+#   IPRULE    rmnet_data7's policy rule, which the daemon here never adds,
+#             added (delete, then add) and deleted by an ip rule manager: the
+#             3 ip wrapper commands of an add-ip-rule and a del-ip-rule
 #   CALL      a call that changes nothing (`probemonctl rtt wlan0`): client
 #             start-up and the binder round trip
 # SELECT is about FIREWALL + KILL + CALL.

@@ -1,21 +1,35 @@
 # shellcheck shell=bash
 # Drives the daemon in the lab, for the end-to-end and reliability tests, the
 # demo and the benches: runs build/bin/probemond in the lab's device namespace
-# with a private binder directory and property file, drives it with
-# probemonctl, sends traffic and reads the lab's counters. Source it, then call
-# pd_init. Every function expects to run inside the device namespace.
+# as init runs it on a phone (lab/identity.sh), with a private binder
+# directory and property file, drives it with probemonctl, sends traffic and
+# reads the lab's counters. Source it, then call pd_init. Every function
+# expects to run inside the device namespace.
 
 PD_ROOT="${PROBEMOND_SOURCE_DIR:-$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)}"
 . "$PD_ROOT/lab/interfaces.sh"
+. "$PD_ROOT/lab/identity.sh"
 
 pd_init() {
     PD_BIN="${PROBEMOND_BUILD_DIR:-$PD_ROOT/build}/bin"
     PD_LAB="$PD_ROOT/lab/lab.sh"
+    lab_read_identity || exit 2
     PD_TMP="$(mktemp -d /tmp/probemond-lab.XXXXXX)"
+    # What the daemon's user may use here, as on a phone: this folder to pass
+    # through, its binder directory, the property file to read.
+    chmod 0711 "$PD_TMP"
     export PROBEMOND_BINDER_DIR="$PD_TMP/binder" PROBEMOND_PROPERTY_FILE="$PD_TMP/properties"
+    mkdir -p "$PROBEMOND_BINDER_DIR/vndbinder"
+    chown "$LAB_DAEMON_UID:$LAB_DAEMON_GID" "$PROBEMOND_BINDER_DIR/vndbinder"
     : >"$PROBEMOND_PROPERTY_FILE"
+    # The clients here run as root; the daemon reaches their callback sockets
+    # through its group, as sepolicy lets it reach its client on a phone.
+    export PROBEMOND_BINDER_GROUP="$LAB_DAEMON_GID"
+    # The lab's wrappers add every line they refuse here.
+    export PROBEMOND_WRAPPER_REFUSALS="$PD_TMP/refused"
+    pd_daemon_file "$PROBEMOND_WRAPPER_REFUSALS"
     PD_LOG="$PD_TMP/probemond.log"
-    PD_DAEMON_PID="" PD_SANITIZER_REPORTS=0 PD_CHILDREN=() PD_LAUNCH=()
+    PD_DAEMON_PID="" PD_SANITIZER_REPORTS=0 PD_REFUSED=0 PD_CHILDREN=() PD_LAUNCH=()
     # A race report must not scroll by in a log that is deleted afterwards.
     export TSAN_OPTIONS="halt_on_error=1 ${TSAN_OPTIONS:-}"
 }
@@ -28,15 +42,30 @@ pd_bin() { ${PD_EXEC:+exec} "${PD_LAUNCH[@]}" ${PROBEMOND_EMULATOR:-} "$PD_BIN/$
 pd_ctl() { pd_bin probemonctl "$@"; }
 pd_ctl_within() { local PD_LAUNCH=(timeout "$1"); pd_bin probemonctl "${@:2}"; }  # SECONDS ARGS...
 
-# Stops everything started here and leaves the lab's kernel state as found.
+# pd_daemon_file PATH: an empty file that the daemon, and what it starts, may write.
+pd_daemon_file() { : >"$1" && chown "$LAB_DAEMON_UID:$LAB_DAEMON_GID" "$1"; }
+
+# Stops everything started here and leaves the lab's kernel state as found;
+# false when the wrappers refused a line during the run.
 pd_cleanup() {
     pd_stop_daemon
     local pid
     for pid in "${PD_CHILDREN[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
     PD_CHILDREN=()
     pd_clean_kernel
+    pd_take_refusals
     [ -n "${PD_TMP:-}" ] && rm -rf "$PD_TMP"
     PD_TMP=""
+    [ "$PD_REFUSED" -eq 0 ]
+}
+
+# Names on stderr each line the wrappers refused since the last call, and
+# remembers that the run had one.
+pd_take_refusals() {
+    [ -s "${PROBEMOND_WRAPPER_REFUSALS:-}" ] || return 0
+    PD_REFUSED=1
+    sed 's/^/FAIL: the wrappers refused: /' "$PROBEMOND_WRAPPER_REFUSALS" >&2
+    : >"$PROBEMOND_WRAPPER_REFUSALS"
 }
 
 pd_clean_kernel() {
@@ -47,10 +76,11 @@ pd_clean_kernel() {
     done
 }
 
-# pd_start_daemon [SYSTEM_BIN]: starts probemond with only 0, 1 and 2 open (so
-# every other descriptor it holds is its own) and waits for its service: 30 s
-# on a loaded machine, 60 s under an emulator, where every one of the start's
-# wrapper commands forks the emulator.
+# pd_start_daemon [SYSTEM_BIN]: starts probemond as the .rc's service
+# (LAB_DAEMON_LAUNCH) with only 0, 1 and 2 open (so every other descriptor it
+# holds is its own) and waits for its service: 30 s on a loaded machine, 60 s
+# under an emulator, where every one of the start's wrapper commands forks the
+# emulator.
 pd_start_daemon() {
     local sysbin="${1:-${PROBEMOND_SYSTEM_BIN:-$PD_ROOT/lab/wrappers}}"
     (
@@ -59,6 +89,7 @@ pd_start_daemon() {
             [ "$fd" -gt 2 ] && eval "exec $fd>&-" 2>/dev/null
         done
         export PROBEMOND_SYSTEM_BIN="$sysbin" PD_EXEC=1
+        PD_LAUNCH=("${LAB_DAEMON_LAUNCH[@]}")
         pd_bin probemond
     ) 2>>"$PD_LOG" </dev/null &
     PD_DAEMON_PID=$!
@@ -79,6 +110,7 @@ pd_stop_daemon() {
         echo "--- sanitizer report from probemond ---" >&2
         grep -A 30 -E "^(==[0-9]+==ERROR: |WARNING: ThreadSanitizer)|runtime error: " "$PD_LOG" | head -n 80 >&2
     fi
+    pd_take_refusals
     rm -f "$PROBEMOND_BINDER_DIR/vndbinder/probemond_Binder"
 }
 

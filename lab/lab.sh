@@ -37,6 +37,7 @@ BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
 RESPONDER="$BUILD_DIR/bin/probemond-responder"
 
 . "$ROOT/lab/interfaces.sh"
+. "$ROOT/lab/identity.sh"
 IFACES=("${LAB_IFACES[@]}")
 RESOLVERS=(180.76.76.76 223.5.5.5 114.114.114.114 208.67.222.222 114.114.115.115 223.6.6.6
            8.8.8.8 1.1.1.1 8.8.4.4 1.0.0.1)
@@ -131,7 +132,9 @@ write_setting() {  # IFACE KEY VALUE, replaced whole so the responder never sees
 write_etc() {
     # `ip netns exec` mounts /etc/netns/<ns>/iproute2 over /etc/iproute2, so
     # the copy carries the stock files (Debian keeps rt_tables in /etc/iproute2)
-    # plus one table per interface, named after it.
+    # plus one table per interface, named after it. A phone has those names
+    # only in netd's /data/misc/net (0750 root shell): here too only root and
+    # group shell may read them.
     local etc="/etc/netns/$DEV"
     rm -rf "$etc.tmp"
     mkdir -p "$etc.tmp"
@@ -142,11 +145,14 @@ write_etc() {
         printf '255\tlocal\n254\tmain\n253\tdefault\n0\tunspec\n' >"$etc.tmp/iproute2/rt_tables"
     fi
     [ -f "$etc.tmp/iproute2/rt_tables" ] || printf '255\tlocal\n254\tmain\n253\tdefault\n0\tunspec\n' >"$etc.tmp/iproute2/rt_tables"
+    local names="$etc.tmp/iproute2/rt_tables.d"
+    mkdir -p "$names"
     {
         echo "# probemond lab: one table per interface"
         local i
         for i in "${IFACES[@]}"; do printf '%s\t%s\n' "$(table_id "$i")" "$i"; done
-    } >>"$etc.tmp/iproute2/rt_tables"
+    } >"$names/probemond.conf"
+    chown -R "root:${LAB_ANDROID_ID[shell]}" "$names" && chmod -R u=rwX,g=rX,o= "$names" || return 1
     # No DNS in the lab: names fail at once instead of waiting for a server.
     printf 'nameserver 127.0.0.1\noptions timeout:1 attempts:1\n' >"$etc.tmp/resolv.conf"
     rm -rf "$etc"
@@ -187,6 +193,20 @@ setup_iface() {
     [ -f "$STATE/ctl/$i/fault" ] || write_setting "$i" fault off
 }
 
+# The daemon's iptables runs without root, for which the kernel loads no
+# missing table, match or target: root uses each of them here once.
+load_netfilter() {
+    ip netns exec "$DEV" env XTABLES_LOCKFILE="$STATE/xtables.lock" sh -c '
+        c=probemond_lab_load rc=0
+        { iptables-legacy -w -t mangle -N $c &&
+          iptables-legacy -w -t mangle -A $c -m owner --uid-owner 0 -j MARK --set-mark 1 &&
+          iptables-legacy -w -t mangle -A $c -j CONNMARK --save-mark &&
+          iptables-legacy -w -t nat -N $c &&
+          iptables-legacy -w -t nat -A $c -o lo -j MASQUERADE; } || rc=1
+        for t in mangle nat; do iptables-legacy -w -t $t -F $c; iptables-legacy -w -t $t -X $c; done 2>/dev/null
+        exit $rc' >/dev/null
+}
+
 start_responder() {
     responder_pid >/dev/null && return 0
     [ -x "$RESPONDER" ] || die "responder not built: $RESPONDER (run ./run build, or set PROBEMOND_BUILD_DIR)"
@@ -217,8 +237,13 @@ cmd_up() {
         ip netns add "$NET" 2>/dev/null || skip "cannot create network namespaces here"
     fi
     mkdir -p "$STATE/ctl" || die "cannot create $STATE"
+    # The xtables lock of everything run through `exec`, root's and the
+    # daemon's alike (tables are per namespace): the daemon may open it.
+    : >>"$STATE/xtables.lock" && chmod 0755 "$STATE" && chmod 0644 "$STATE/xtables.lock" ||
+        die "cannot create $STATE/xtables.lock"
     record_owner
     write_etc || die "cannot write /etc/netns/$DEV"
+    load_netfilter || die "the kernel lacks a table, match or target the daemon uses (mangle, nat, owner, MARK, CONNMARK, MASQUERADE)"
     local common=(net/ipv6/conf/all/disable_ipv6=1 net/ipv6/conf/default/disable_ipv6=1
                   net/ipv4/conf/all/rp_filter=0 net/ipv4/conf/default/rp_filter=0)
     # Replies to steered traffic may come back on another interface than the
@@ -398,7 +423,8 @@ cmd_exec() {
         [ $rc -eq 77 ] && skip "cannot create network namespaces here"
         [ $rc -eq 0 ] || die "lab did not come up"
     fi
-    exec ip netns exec "$DEV" env PROBEMOND_SYSTEM_BIN="$ROOT/lab/wrappers" PROBEMOND_LAB="$NAME" "$@"
+    exec ip netns exec "$DEV" env PROBEMOND_SYSTEM_BIN="$ROOT/lab/wrappers" PROBEMOND_LAB="$NAME" \
+        XTABLES_LOCKFILE="$STATE/xtables.lock" "$@"
 }
 
 cmd_netexec() {

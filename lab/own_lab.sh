@@ -38,11 +38,12 @@ own_lab() {
 run_inside() { "$LAB" exec bash "$OWN_SCRIPT" --inside; }
 
 # lab_session: inside the lab, loads lab/daemon.sh with a clean kernel state
-# and clean-up when the script ends.
+# and clean-up when the script ends; the script fails when the wrappers
+# refused a line.
 lab_session() {
     . "$ROOT/lab/daemon.sh"
     pd_init
-    trap pd_cleanup EXIT
+    trap 'pd_cleanup || exit 1' EXIT
     trap 'exit 130' INT TERM
     pd_clean_kernel
 }

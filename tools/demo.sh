@@ -34,7 +34,7 @@ step() {  # DESCRIPTION COMMAND... : succeeds -> ok, else miss
 cleanup() {
     pd_stop_daemon
     mkdir -p "$DEMO_OUT" && cp "$PD_LOG" "$DEMO_OUT/probemond.log" 2>/dev/null
-    pd_cleanup
+    pd_cleanup || { echo "demo: the wrappers refused a command line"; exit 1; }
 }
 trap cleanup EXIT
 T0="$(date +%s.%N)"

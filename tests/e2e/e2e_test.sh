@@ -27,8 +27,24 @@ check_chains() {
         "$(sed -n 's/^-A kest_masquerade -o \([a-z_0-9]*\) -j MASQUERADE$/\1/p' <<<"$n" | paste -sd ' ')"
 }
 
+# The running daemon has init's identity for the service, as the .rc names it:
+# its user, its other groups, and its capabilities, none more even in reserve.
+check_identity() {
+    local st c u="$LAB_DAEMON_UID" g="$LAB_DAEMON_GID" caps
+    st="$(tr -s '\t ' '  ' <"/proc/$PD_DAEMON_PID/status")"
+    field() { sed -n "s/^$1: \(.*[^ ]\) *$/\1/p" <<<"$st"; }
+    expect_eq "uids" "$u $u $u $u" "$(field Uid)"
+    expect_eq "gids" "$g $g $g $g" "$(field Gid)"
+    expect_eq "groups" "$(printf '%s\n' "${LAB_DAEMON_GROUPS[@]}" | sort -n | paste -sd ' ')" "$(field Groups)"
+    caps="$(printf '%s\n' "${LAB_DAEMON_CAPS[@]/#/cap_}" | sort | paste -sd ,)"
+    for c in Inh Prm Eff Bnd Amb; do
+        expect_eq "Cap$c" "$caps" "$(capsh --decode="$(field Cap$c)" | sed 's/^0x[0-9a-f]*=//' | tr , '\n' | sort | paste -sd ,)"
+    done
+}
+
 case_startup() {
     pd_start_daemon || { fail "daemon did not register its service"; return; }
+    check_identity
     check_chains 1
     local texts; texts="$(pd_log_texts)"
     expect_eq "first lines" "probemond is starting...|IptablesRuleManager called|IpRuleManager called|InterfaceManager called" \

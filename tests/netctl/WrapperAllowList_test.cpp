@@ -1,9 +1,6 @@
 // Every command line the managers can issue, produced by the managers
 // themselves, against the platform wrappers' patterns in device/wrappers/,
-// matched the way the wrapper matches them.
-#include <regex.h>
-
-#include <fstream>
+// matched by the lab's wrapper.
 #include <sstream>
 #include <string>
 #include <vector>
@@ -12,6 +9,7 @@
 
 #include "RecordingCommandExecutor.h"
 #include "interfaces/InterfaceTable.h"
+#include "lab/wrappers/AllowList.h"
 #include "netctl/IpRuleManager.h"
 #include "netctl/IptablesRuleManager.h"
 
@@ -48,39 +46,27 @@ Lines everyCommandLine() {
     return rec.commands();
 }
 
-// The lists' patterns as one list, as the wrapper holds them.
-Lines patterns(std::initializer_list<const char*> files) {
-    Lines out;
-    for (const char* name : files) {
-        std::ifstream in(std::string(WRAPPER_LISTS_DIR) + "/" + name);
-        EXPECT_TRUE(in.good()) << name;
-        for (std::string line; std::getline(in, line);)
-            if (!line.empty() && line[0] != '#') out.push_back(line);
-    }
-    return out;
+// The lists as one, as the wrapper holds them.
+lab::AllowList lists(std::initializer_list<const char*> files) {
+    lab::AllowList list;
+    for (const char* name : files) EXPECT_TRUE(list.load(std::string(WRAPPER_LISTS_DIR) + "/" + name)) << name;
+    return list;
 }
 
-// The wrapper replaces its own name with the real tool's path, joins every
-// word with single spaces and runs the line when any pattern is found in it.
-bool accepts(const Lines& list, const std::string& command) {
+// A command line as the shell splits it, matched by the wrapper it starts.
+bool accepts(const lab::AllowList& list, const std::string& command) {
     std::istringstream words(command);
-    std::string text, w;
-    words >> text;  // /system/bin/<tool>-wrapper-1.0
-    EXPECT_EQ(text.rfind("/system/bin/ip", 0), 0u) << command;
-    text = text.substr(0, text.find("-wrapper-1.0"));
-    while (words >> w) text += " " + w;
-    bool found = false;
-    for (const auto& p : list) {
-        regex_t re;
-        EXPECT_EQ(regcomp(&re, p.c_str(), REG_EXTENDED | REG_NOSUB), 0) << p;
-        found |= regexec(&re, text.c_str(), 0, nullptr, 0) == 0;
-        regfree(&re);
-    }
-    return found;
+    std::string self, w;
+    std::vector<std::string> args;
+    words >> self;
+    while (words >> w) args.push_back(w);
+    const std::string tool = lab::wrapperTool(self);
+    EXPECT_FALSE(tool.empty()) << command;
+    return list.allows(lab::wrapperText(tool, args));
 }
 
 TEST(WrapperAllowList, StockRunsOnlyTheRmnetMasqueradeLines) {
-    const Lines stock = patterns({"stock.allow"});
+    const lab::AllowList stock = lists({"stock.allow"});
     size_t passed = 0;
     // Output on a vendor interface is a stock pattern; every other line names
     // a chain, an interface or a rule stock knows nothing of.
@@ -92,7 +78,7 @@ TEST(WrapperAllowList, StockRunsOnlyTheRmnetMasqueradeLines) {
 }
 
 TEST(WrapperAllowList, WithTheAdditionsEveryLineRunsAndStrangersStillDoNot) {
-    const Lines list = patterns({"stock.allow", "probemond.allow"});
+    const lab::AllowList list = lists({"stock.allow", "probemond.allow"});
     const Lines all = everyCommandLine();
     EXPECT_GT(all.size(), 150u);
     for (const auto& c : all) EXPECT_TRUE(accepts(list, c)) << c;

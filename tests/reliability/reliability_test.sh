@@ -220,10 +220,11 @@ case_callback_killed() {
 case_no_net_admin() {
     # The kernel refuses SOCK_DESTROY (an error record per request, not
     # counted) and the wrappers lose the right too; probing needs no CAP_NET_ADMIN.
+    # The .rc's identity less that capability: a phone whose kernel or policy
+    # withholds it.
     "$PD_LAB" delay wlan0 20
-    local PD_LAUNCH=(setpriv --bounding-set -net_admin --inh-caps -net_admin)
+    lab_read_identity -net_admin || { fail "identity"; return; }
     pd_start_daemon || { fail "start"; return; }
-    PD_LAUNCH=()
     [ $((0x$(sed -n 's/^CapEff:\t*//p' "/proc/$PD_DAEMON_PID/status") & (1 << 12))) -eq 0 ] || fail "CAP_NET_ADMIN kept"
     pd_listen listener 7010 || { fail "listener"; return; }
     pd_ctl add-uid $UID_APP >/dev/null
@@ -260,7 +261,10 @@ case_property_garbage() {
 }
 
 case_uid_injection() {
-    local marker="$PD_TMP/injected" u
+    # The mark an injected command would leave, where the daemon's user may write.
+    local marker="$PD_TMP/writable/injected" u
+    mkdir "$PD_TMP/writable" && chown "$LAB_DAEMON_UID" "$PD_TMP/writable"
+    pd_daemon_file "$PD_TMP/commands"
     pd_start_daemon "$(fake_bin "echo \"\${0##*/} \$*\" >>$PD_TMP/commands; exec \"\$real\" \"\$@\"")" || { fail "start"; return; }
     : >"$PD_TMP/commands"
     local evil=("1000;touch $marker" "\$(touch $marker)" "\`touch $marker\`" $'1000\ntouch '"$marker"
@@ -306,12 +310,10 @@ case_malformed_parcels() {
 # stranger is refused and changes nothing; its owner, root and a member of
 # 3003 are served; root's callback, open to group 1000, reaches it.
 case_binder_access() {
-    chmod 711 "$PD_TMP"
-    mkdir -p "$PROBEMOND_BINDER_DIR" && chown 1000 "$PROBEMOND_BINDER_DIR"
     : >"$PD_TMP/commands" && chmod 666 "$PD_TMP/commands"
-    local PD_LAUNCH=(env PROBEMOND_BINDER_GROUP=3003 setpriv --reuid=1000 --regid=1000 --groups=3003)
-    pd_start_daemon "$(fake_bin "echo \"\$*\" >>$PD_TMP/commands")" || { fail "start"; return; }
-    PD_LAUNCH=()
+    # The daemon admits inet (3003), one of its own groups, beside its uid and root.
+    PROBEMOND_BINDER_GROUP=3003 pd_start_daemon "$(fake_bin "echo \"\$*\" >>$PD_TMP/commands")" ||
+        { fail "start"; return; }
     local before out rc
     before="$(pd_log_count 'onTransact')"
     out="$(pd_ctl_as 2001 --clear-groups add-uid $UID_APP 2>&1)"; rc=$?
@@ -324,7 +326,7 @@ case_binder_access() {
     expect_eq "member of 3003" 0 "$(pd_ctl_as 2002 --groups=3003 select wlan0)"
     [[ "$(pd_ctl rtt wlan0)" =~ ^-?[0-9]+$ ]] || fail "root was not served"
     # As the lab starts its clients: their sockets open to the daemon's group.
-    PROBEMOND_BINDER_GROUP=1000 pd_bg watch pd_bin probemonctl watch
+    pd_bg watch pd_bin probemonctl watch
     pd_wait_file "$PD_TMP/watch" "serving" 5 || { fail "watch did not start"; return; }
     pd_ctl auto-select "wlan0," >/dev/null
     pd_wait_file "$PD_TMP/watch" "onAutoSelect(wlan0)" 5 || fail "the daemon did not reach root's callback"

@@ -29,7 +29,7 @@ pd_finish() {
             [ -f "$f" ] && { echo "--- $(basename "$f") ---"; tail -n 40 "$f" | cut -c1-300; }
         done
     fi
-    pd_cleanup
+    pd_cleanup || { [ $FAILED -ne 0 ] || echo "FAIL: the wrappers refused a command line"; exit 1; }
     [ "$PD_SANITIZER_REPORTS" -eq 0 ] || { echo "FAIL: sanitizer report in the daemon's log"; exit 1; }
 }
 
@@ -45,6 +45,9 @@ pd_run_case() {
     pd_clean_kernel
     "$PD_LAB" reset
     "case_$1"
+    # A line the phone's wrappers would refuse is a failure of any case.
+    pd_stop_daemon
+    [ "$PD_REFUSED" -eq 0 ] || fail "the wrappers refused a command line (named above)"
     [ $FAILED -eq 0 ] && [ -n "$PD_SKIPPED" ] && { echo "skipped: $PD_SKIPPED"; exit 77; }
     [ $FAILED -eq 0 ] && echo "PASS: $1"
     exit $FAILED

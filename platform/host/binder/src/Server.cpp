@@ -70,13 +70,17 @@ void Server::handle(Endpoint* ep) {
         // Several threads may wake for one connection; the losers get EAGAIN.
         UniqueFd conn(accept4(ep->fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!conn.ok()) return;
-        {
-            std::lock_guard<std::mutex> g(mLock);
-            if (mConnections.size() >= kMaxConnections) return;
-        }
         timeval tv{kReplySendTimeoutSec, 0};
         setsockopt(conn.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
-        Endpoint* c = new Endpoint{false, std::move(conn), ep->binder, std::string()};
+        Endpoint* c;
+        {
+            // Counted as it is taken: two threads accepting at once cannot
+            // both take the last place.
+            std::lock_guard<std::mutex> g(mLock);
+            if (mConnections.size() >= kMaxConnections) return;
+            c = new Endpoint{false, std::move(conn), ep->binder, std::string()};
+            mConnections.insert(c);
+        }
         if (!arm(c, EPOLL_CTL_ADD)) closeConnection(c);
         return;
     }
