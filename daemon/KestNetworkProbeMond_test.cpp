@@ -16,8 +16,8 @@
 #include <thread>
 
 #include "RecordingCommandExecutor.h"
-#include "netctl/NetdRestartWatcher.h"
 #include "TempPropertyFile.h"
+#include "WatcherFakes.h"
 #include "tests/interfaces/InterfaceFakes.h"
 
 using namespace probemond;
@@ -25,15 +25,6 @@ using namespace probemond::test;
 using android::base::unique_fd;
 
 namespace {
-
-struct Unchanging : PropertyWatch {
-    std::optional<std::string> waitForChange(int64_t) override { return std::nullopt; }
-};
-struct NoHooks : SteeringHooks {
-    HookCheck checkHooks() override { return {}; }
-    void restoreJumps(const HookCheck&) override {}
-    std::vector<std::string> restoreIpRules() override { return {}; }
-};
 
 // A terminal with a little room: poll calls it writable, yet a blocking
 // write of a chunk waits for a reader that never comes. Its room frees in
@@ -44,8 +35,8 @@ TEST(Dump, EndsWhenTheReaderStopsReading) {
     RecordingCommandExecutor commands;
     IptablesRuleManager iptables(commands, commands);
     for (int uid = 1000000000; uid < 1000000400; ++uid) iptables.addUid(std::to_string(uid).c_str());
-    Unchanging zygote;
-    NoHooks hooks;
+    ScriptedWatch zygote;
+    FakeHooks hooks;
     NetdRestartWatcher watcher(zygote, hooks);
     android::sp<android::KestNetworkProbeMond> service = new android::KestNetworkProbeMond(fake.m, iptables, watcher);
 

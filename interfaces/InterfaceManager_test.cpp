@@ -132,25 +132,19 @@ TEST(Selection, FirstChangeRepeatAndUnknownNames) {
     EXPECT_EQ("wlan1", fake.m.snapshot().userSelectIface);
 }
 
-// What a restore re-adds: the rules the client's adds left, in the order of
-// their latest add, with the very calls of add-ip-rule.
+// A restore repeats add-ip-rule's calls for the rules the client's adds
+// left, in the order of their latest add; it is no add itself.
 TEST(PolicyRules, RestoreRepeatsTheLiveAddsInOrder) {
     TempPropertyFile props;
     FakeManager fake;
-    fake.recorder.clear();
-    fake.m.addInterfaceIpRule("wlan0");
-    const Strings addWlan0 = fake.recorder.calls();
-    fake.recorder.clear();
-    fake.m.addInterfaceIpRule("rmnet_data0");
-    const Strings addRmnet0 = fake.recorder.calls();
-    for (const char* add : {"wlan1", "rmnet_data3", "wlan0"}) fake.m.addInterfaceIpRule(add);
+    for (const char* add : {"wlan0", "rmnet_data0", "wlan1", "rmnet_data3", "wlan0"}) fake.m.addInterfaceIpRule(add);
     for (const char* del : {"wlan1", "rmnet_data5", "rmnet_data3"}) fake.m.delInterfaceIpRule(del);
     fake.recorder.clear();
     EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules());
-    Strings expected = addRmnet0;
-    expected.insert(expected.end(), addWlan0.begin(), addWlan0.end());
-    EXPECT_EQ(expected, fake.recorder.calls());
-    EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules()) << "a restore is no add";
+    EXPECT_EQ((Strings{"delIpRule 29700", "addIpRule rmnet_data0 0xd0 29700", "delIpRule 29500",
+                       "addIpRule wlan0 0xa0 29500"}),
+              fake.recorder.calls());
+    EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules());
 }
 
 // Binder calls at once: the list ends as the rules do, whichever came last.
@@ -171,19 +165,16 @@ TEST(PolicyRules, ConcurrentAddsAndDeletesLeaveTheListAsTheRules) {
         });
     }
     for (std::thread& c : clients) c.join();
-    Strings live;
-    for (const char* prio : {"29700", "29500"}) {
-        const Strings calls = fake.recorder.calls();
-        for (auto c = calls.rbegin(); c != calls.rend(); ++c) {
-            if (c->find(prio) == std::string::npos) continue;
-            if (c->rfind("addIpRule", 0) == 0) live.push_back(prio);
-            break;
-        }
+    const Strings calls = fake.recorder.calls();
+    Strings live;  // the interfaces whose last call was an add, by its mark
+    for (const char* name : {"rmnet_data0", "wlan0"}) {
+        const std::string prio = fake.info(name).prio;
+        const auto last = std::find_if(calls.rbegin(), calls.rend(),
+                                       [&](const std::string& c) { return c.find(prio) != std::string::npos; });
+        if (last != calls.rend() && last->rfind("addIpRule", 0) == 0) live.push_back(name);
     }
-    Strings listed;
-    for (const std::string& name : fake.m.restoreIpRules()) listed.push_back(fake.info(name).prio);
+    Strings listed = fake.m.restoreIpRules();
     std::sort(listed.begin(), listed.end());
-    std::sort(live.begin(), live.end());
     EXPECT_EQ(live, listed);
 }
 
