@@ -9,9 +9,9 @@
 # engine keeps the interface named later in the list, so wlan0 must be
 # strictly better to win back.
 #   PROBEMOND_BENCH_TRIALS  trials (default 10)
-. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
 TRIALS="${PROBEMOND_BENCH_TRIALS:-10}"
-own_lab_script "bench failover" "${1:-}" probemond probemonctl probemond-responder probemond-bench-flow
+start_in_own_lab "bench failover" "${1:-}" probemond probemonctl probemond-responder probemond-bench-flow
 readonly APP=10123 PORT=9000 FAST=20 SLOW=150 CELL=40
 # Design constants: probe period P (s), history length H, decision tick T (s).
 readonly P=1 H=10 T=0.1

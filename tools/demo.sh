@@ -4,7 +4,7 @@
 # auto-select moving it to rmnet_data0 when Wi-Fi degrades, with the client
 # callback, the traffic moving and the app's open TCP connection destroyed.
 # Exit 0 only when every step was seen. Leaves nothing behind.
-. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
 # The run's log and its timeline picture stay here for the user to open.
 DEMO_OUT="$PROBEMOND_BUILD_DIR/demo"
 

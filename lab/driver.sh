@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # The opening of the scripts that run in a lab of their own (tools/demo.sh,
 # bench/*.sh). Source it first:
-#   . "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+#   . "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
 # It sets ROOT (the checkout), LAB (lab.sh), PROBEMOND_SOURCE_DIR and
 # PROBEMOND_BUILD_DIR (default <checkout>/build), and reads lab/interfaces.
 set -u
@@ -48,10 +48,10 @@ lab_session() {
     pd_clean_kernel
 }
 
-# own_lab_script LABEL FIRST_ARG BINARY...: the whole opening of a benchmark.
+# start_in_own_lab LABEL FIRST_ARG BINARY...: the whole opening of a benchmark.
 # Called with FIRST_ARG other than --inside: own_lab, run_inside, exit with its
 # status. With --inside: lab_session, and the script goes on.
-own_lab_script() {
+start_in_own_lab() {
     local label="$1" first="$2"
     shift 2
     if [ "$first" != "--inside" ]; then
