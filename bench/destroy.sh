@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
 # Socket destruction benchmark: killUidSockets against `ss -K`.
 . "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
-set -eo pipefail
 BIN="$PROBEMOND_BUILD_DIR/bin/bench-destroy"
 [ -x "$BIN" ] || { echo "bench destroy: $BIN not built (./run build)" >&2; exit 2; }
 command -v ss >/dev/null || { echo "skipped: ss (iproute2) is not installed"; exit 77; }

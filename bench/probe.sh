@@ -2,7 +2,6 @@
 # Probe accuracy: Ping::ping beside iputils `ping -I` on the same lab link,
 # mean absolute error against the delay the responder adds.
 . "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
-set -o pipefail
 BIN="$PROBEMOND_BUILD_DIR/bin/probemond-probe-bench"
 COUNT="${PROBEMOND_BENCH_COUNT:-20}"
 IFACE=wlan0

@@ -60,7 +60,7 @@ pd_ctl add-ip-rule rmnet_data0 >/dev/null
 pd_ctl select wlan0 >/dev/null
 say "uid $APP steered (add-uid), policy rules for wlan0 and rmnet_data0, select wlan0"
 step "policy rule: fwmark 0xd0/0xffff -> table rmnet_data0 at priority 29700" \
-    eval 'ip -4 rule show prio 29700 | grep -q "fwmark 0xd0/0xffff lookup rmnet_data0"'
+    eval 'ip -4 rule show prio 29700 | grep -F "fwmark 0xd0/0xffff lookup rmnet_data0" >/dev/null'
 
 step "TCP listener on 8.8.8.8:7000 in the internet namespace" pd_listen listener 7000
 step "uid $APP holds a TCP connection to it" pd_hold app_tcp $APP 7000
@@ -85,7 +85,7 @@ step "callback onAutoSelect(rmnet_data0): auto-select switched" \
 step "auto branch jumps to kest_probemon_rmnet_data0" \
     pd_wait_true 5 pd_auto_branch_is kest_probemon_rmnet_data0
 step "dump: one auto-select switch recorded, wlan0 -> rmnet_data0 with both medians" \
-    eval 'pd_ctl dump | grep -qE "^  [0-9-]+ [0-9:.]+ wlan0 \([0-9]+ms\) -> rmnet_data0 \([0-9]+ms\)$"'
+    eval 'pd_ctl dump | grep -E "^  [0-9-]+ [0-9:.]+ wlan0 \([0-9]+ms\) -> rmnet_data0 \([0-9]+ms\)$" >/dev/null'
 say "  $(pd_ctl dump | grep -A1 '^autoSelect switches:' | paste -sd ' ' | tr -s ' ')"
 step "the app's open TCP connection was destroyed" pd_wait_file "$PD_TMP/app_tcp" "closed:" 5
 say "  the app saw: $(sed -n 's/^closed: //p' "$PD_TMP/app_tcp" | head -n 1)"
