@@ -9,9 +9,9 @@
 # engine keeps the interface named later in the list, so wlan0 must be
 # strictly better to win back.
 #   PROBEMOND_BENCH_TRIALS  trials (default 10)
-. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
 TRIALS="${PROBEMOND_BENCH_TRIALS:-10}"
-own_lab_script "bench failover" "${1:-}" probemond probemonctl probemond-responder probemond-bench-flow
+start_in_own_lab "bench failover" "${1:-}" probemond probemonctl probemond-responder probemond-bench-failover
 readonly APP=10123 PORT=9000 FAST=20 SLOW=150 CELL=40
 # Design constants: probe period P (s), history length H, decision tick T (s).
 readonly P=1 H=10 T=0.1
@@ -64,9 +64,9 @@ pd_start_daemon || die "the daemon did not start"
 for c in "add-uid $APP" "add-ip-rule wlan0" "add-ip-rule rmnet_data0" "select wlan0"; do
     pd_ctl $c >/dev/null || die "probemonctl $c failed"
 done
-pd_bg ingress pd_in_net probemond-bench-flow listen 8.8.8.8 $PORT
+pd_bg ingress pd_in_net probemond-bench-failover listen 8.8.8.8 $PORT
 pd_wait_file "$PD_TMP/ingress" listening 10 || die "the listener did not start"
-pd_bg sender pd_as_uid $APP probemond-bench-flow send 8.8.8.8 $PORT 10
+pd_bg sender pd_as_uid $APP probemond-bench-failover send 8.8.8.8 $PORT 10
 arrival wlan0 0 10 >/dev/null || die "no datagrams of uid $APP arrive over wlan0"
 pd_bg watch pd_bin probemonctl watch
 pd_wait_file "$PD_TMP/watch" serving 10 || die "probemonctl watch did not start"

@@ -6,14 +6,14 @@
 # Peak RSS: VmHWM from /proc/PID/status, reset through clear_refs at the
 # start of the window (summed over the processes of a row).
 #   PROBEMOND_BENCH_SECONDS  window per row (default 60)
-. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
 WINDOW="${PROBEMOND_BENCH_SECONDS:-60}"
 N=${#LAB_IFACES[@]}
 
 if [ "${1:-}" != "--inside" ]; then
     command -v ping >/dev/null || { echo "skipped: iputils ping is not installed"; exit 77; }
 fi
-own_lab_script "bench footprint" "${1:-}" probemond probemonctl probemond-responder
+start_in_own_lab "bench footprint" "${1:-}" probemond probemonctl probemond-responder
 HZ="$(getconf CLK_TCK)"
 
 ticks() {  # PIDS -> utime+stime summed, in clock ticks

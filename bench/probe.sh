@@ -1,16 +1,15 @@
 #!/usr/bin/env bash
 # Probe accuracy: Ping::ping beside iputils `ping -I` on the same lab link,
 # mean absolute error against the delay the responder adds.
-. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
-set -o pipefail
-BIN="$PROBEMOND_BUILD_DIR/bin/probemond-probe-bench"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
+BIN="$PROBEMOND_BUILD_DIR/bin/probemond-bench-probe"
 COUNT="${PROBEMOND_BENCH_COUNT:-20}"
 IFACE=wlan0
 SERVER=8.8.8.8
 
 command -v ping >/dev/null || { echo "skipped: iputils ping is not installed"; exit 77; }
 # Run from outside: each probe goes into the lab through lab.sh exec.
-own_lab "bench probe" probemond-probe-bench probemond-responder
+own_lab "bench probe" probemond-bench-probe probemond-responder
 props="$OWN_TMP/properties"
 echo "vendor.kest.probemond.ping_timeout=1000" >"$props"
 

@@ -15,12 +15,12 @@
 #             start-up and the binder round trip
 # SELECT is about FIREWALL + KILL + CALL.
 #   PROBEMOND_BENCH_CHANGES  changes per row (default 6, made even)
-. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
 CHANGES="${PROBEMOND_BENCH_CHANGES:-6}"
 CHANGES=$(( (CHANGES + 1) / 2 * 2 ))  # even: every row starts and ends on wlan0
 
 [ -z "${PROBEMOND_EMULATOR:-}" ] || { echo "skipped: steer times socket destruction: qemu-user does not translate NETLINK_SOCK_DIAG"; exit 77; }
-own_lab_script "bench steer" "${1:-}" probemond probemonctl probemond-responder probemond-bench-steer
+start_in_own_lab "bench steer" "${1:-}" probemond probemonctl probemond-responder probemond-bench-steer
 readonly BASE=10200 PER=4
 
 die() { echo "bench steer: $*" >&2; exit 1; }

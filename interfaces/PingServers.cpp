@@ -8,7 +8,8 @@ namespace probemond {
 
 namespace {
 
-// Change the tables here.
+// Change the tables here; the lab (lab/lab.sh) gives its internet side every
+// quoted address in this file.
 constexpr const char* cnPingServers[] = {"180.76.76.76",   "223.5.5.5",       "114.114.114.114",
                                          "208.67.222.222", "114.114.115.115", "223.6.6.6"};
 constexpr const char* globalPingServers[] = {"8.8.8.8", "1.1.1.1", "8.8.4.4", "1.0.0.1"};

@@ -44,8 +44,6 @@ RESPONDER="$BUILD_DIR/bin/probemond-responder"
 . "$ROOT/lab/interfaces.sh"
 . "$ROOT/lab/identity.sh"
 IFACES=("${LAB_IFACES[@]}")
-RESOLVERS=(180.76.76.76 223.5.5.5 114.114.114.114 208.67.222.222 114.114.115.115 223.6.6.6
-           8.8.8.8 1.1.1.1 8.8.4.4 1.0.0.1)
 FAULTS=(off silent wrong-seq bad-checksum foreign-source unreachable duplicate
         wrong-seq+reply bad-checksum+reply foreign-source+reply unreachable+reply)
 
@@ -60,6 +58,12 @@ table_id() { echo $((1000 + $(octet "$1"))); }
 metric() { echo $((100 + $(octet "$1"))); }
 mac() { printf '02:77:00:%02x:00:%02x' "$(octet "$1")" "$2"; }
 peer() { echo "n-$1"; }
+
+# Every server the daemon may probe: the addresses in its two tables, read
+# where they are kept, so that a server added there is in the lab too.
+ping_servers() {
+    grep -oE '"([0-9]{1,3}\.){3}[0-9]{1,3}"' "$ROOT/interfaces/PingServers.cpp" | tr -d '"'
+}
 
 known_iface() {
     local i
@@ -263,8 +267,9 @@ cmd_up() {
     sysctls "$NET" "${common[@]}" net/ipv4/icmp_echo_ignore_all=1 || die "cannot configure $NET"
     ip -n "$DEV" link set lo up || die "cannot configure $DEV"
     ip -n "$NET" link set lo up || die "cannot configure $NET"
-    local r i
-    for r in "${RESOLVERS[@]}"; do
+    local r i servers
+    servers="$(ping_servers)" && [ -n "$servers" ] || die "no server address in $ROOT/interfaces/PingServers.cpp"
+    for r in $servers; do
         ip -n "$NET" addr replace "$r/32" dev lo || die "cannot add $r"
     done
     for i in "${IFACES[@]}"; do

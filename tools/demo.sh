@@ -4,7 +4,7 @@
 # auto-select moving it to rmnet_data0 when Wi-Fi degrades, with the client
 # callback, the traffic moving and the app's open TCP connection destroyed.
 # Exit 0 only when every step was seen. Leaves nothing behind.
-. "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
 # The run's log and its timeline picture stay here for the user to open.
 DEMO_OUT="$PROBEMOND_BUILD_DIR/demo"
 
@@ -39,6 +39,9 @@ cleanup() {
 trap cleanup EXIT
 T0="$(date +%s.%N)"
 readonly APP=10123
+# The cellular interface's rule and both links' device addresses, from the lab's list.
+readonly MARK="${LAB_FWMARK[rmnet_data0]}" PRIO="${LAB_PRIORITY[rmnet_data0]}"
+readonly WIFI_IP="10.77.${LAB_OCTET[wlan0]}.2" CELL_IP="10.77.${LAB_OCTET[rmnet_data0]}.2"
 
 echo "probemond demo (lab ${PROBEMOND_LAB:-probemond}; daemon log and timeline kept in $DEMO_OUT)"
 "$PD_LAB" delay wlan0 20
@@ -59,12 +62,12 @@ pd_ctl add-ip-rule wlan0 >/dev/null
 pd_ctl add-ip-rule rmnet_data0 >/dev/null
 pd_ctl select wlan0 >/dev/null
 say "uid $APP steered (add-uid), policy rules for wlan0 and rmnet_data0, select wlan0"
-step "policy rule: fwmark 0xd0/0xffff -> table rmnet_data0 at priority 29700" \
-    eval 'ip -4 rule show prio 29700 | grep -q "fwmark 0xd0/0xffff lookup rmnet_data0"'
+step "policy rule: fwmark $MARK/0xffff -> table rmnet_data0 at priority $PRIO" \
+    eval 'ip -4 rule show prio "$PRIO" | grep -F "fwmark $MARK/0xffff lookup rmnet_data0" >/dev/null'
 
 step "TCP listener on 8.8.8.8:7000 in the internet namespace" pd_listen listener 7000
 step "uid $APP holds a TCP connection to it" pd_hold app_tcp $APP 7000
-step "the connection arrived over wlan0 (source 10.77.0.2)" pd_wait_file "$PD_TMP/listener" "accepted 10.77.0.2:" 5
+step "the connection arrived over wlan0 (source $WIFI_IP)" pd_wait_file "$PD_TMP/listener" "accepted $WIFI_IP:" 5
 carrier="$(pd_udp_carrier $APP 200)"
 step "200 datagrams of uid $APP counted on wlan0 (lab counters)" test "$carrier" = wlan0
 
@@ -85,15 +88,15 @@ step "callback onAutoSelect(rmnet_data0): auto-select switched" \
 step "auto branch jumps to kest_probemon_rmnet_data0" \
     pd_wait_true 5 pd_auto_branch_is kest_probemon_rmnet_data0
 step "dump: one auto-select switch recorded, wlan0 -> rmnet_data0 with both medians" \
-    eval 'pd_ctl dump | grep -qE "^  [0-9-]+ [0-9:.]+ wlan0 \([0-9]+ms\) -> rmnet_data0 \([0-9]+ms\)$"'
+    eval 'pd_ctl dump | grep -E "^  [0-9-]+ [0-9:.]+ wlan0 \([0-9]+ms\) -> rmnet_data0 \([0-9]+ms\)$" >/dev/null'
 say "  $(pd_ctl dump | grep -A1 '^autoSelect switches:' | paste -sd ' ' | tr -s ' ')"
 step "the app's open TCP connection was destroyed" pd_wait_file "$PD_TMP/app_tcp" "closed:" 5
 say "  the app saw: $(sed -n 's/^closed: //p' "$PD_TMP/app_tcp" | head -n 1)"
 carrier="$(pd_udp_carrier $APP 200)"
 step "200 datagrams of uid $APP now counted on rmnet_data0" test "$carrier" = rmnet_data0
 pd_hold app_tcp2 $APP 7000 >/dev/null
-step "the app reconnects over rmnet_data0 (source 10.77.10.2)" \
-    pd_wait_file "$PD_TMP/listener" "accepted 10.77.10.2:" 5
+step "the app reconnects over rmnet_data0 (source $CELL_IP)" \
+    pd_wait_file "$PD_TMP/listener" "accepted $CELL_IP:" 5
 
 pd_ctl disable-auto-select >/dev/null
 say "probemonctl disable-auto-select"

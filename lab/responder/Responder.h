@@ -4,40 +4,76 @@
 // (ctl/<iface>/{delay,loss,fault}) and are re-read when they change.
 #pragma once
 
-#include <netinet/in.h>
+#include <android-base/unique_fd.h>
+#include <sys/stat.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <queue>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "lab/responder/ReplyPlan.h"
+
 namespace probemond::lab {
 
-enum class Fault { kOff, kSilent, kWrongSeq, kBadChecksum, kForeignSource, kUnreachable, kDuplicate };
+// The responder's log: stderr until a file is set.
+void setLogFile(FILE* file);
+void logLine(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
-struct Settings {
-    int delayMs = 0;
-    int lossPercent = 0;
-    Fault fault = Fault::kOff;
-    bool thenReply = false;  // "MODE+reply": the faulty packet, then the real reply
+class Responder {
+public:
+    explicit Responder(std::string stateDir) : stateDir_(std::move(stateDir)) {}
+
+    // Its sockets, timer and signal descriptor; false (logged) when one fails.
+    bool open();
+    // Answers until SIGTERM, SIGINT or SIGHUP (0), or a failed wait (1).
+    int run();
+
+private:
+    // One control value, re-read only when its file changed.
+    struct ControlValue {
+        std::string path;
+        struct stat seen {};
+        bool present = false;
+        std::string text;
+
+        void refresh();
+    };
+
+    struct InterfaceControl {
+        ControlValue delay, loss, fault;
+
+        Settings current(const std::string& iface);
+    };
+
+    struct Pending {
+        int64_t dueNs;  // CLOCK_MONOTONIC
+        uint64_t serial;
+        int ifindex;
+        Outgoing packet;
+        bool operator>(const Pending& o) const {
+            return dueNs != o.dueNs ? dueNs > o.dueNs : serial > o.serial;
+        }
+    };
+
+    void onRequest();
+    void sendDue();
+    void armTimer();
+    void send(const Pending& p);
+    std::string interfaceFor(int ifindex);
+    InterfaceControl& controlFor(const std::string& iface);
+
+    std::string stateDir_;
+    android::base::unique_fd rx_, tx_, timer_, signals_, epoll_;
+    std::priority_queue<Pending, std::vector<Pending>, std::greater<Pending>> queue_;
+    uint64_t serial_ = 0;
+    std::map<int, std::string> names_;
+    std::map<std::string, InterfaceControl> controls_;
+    std::mt19937 random_{std::random_device{}()};
 };
-
-// Parses a fault setting ("off", "wrong-seq", "bad-checksum+reply", ...).
-bool parseFault(const std::string& text, Settings* out);
-
-// One packet to put on the wire, `afterMs` after the request arrived.
-struct Outgoing {
-    int afterMs = 0;
-    in_addr source{};
-    in_addr destination{};
-    std::vector<uint8_t> icmp;  // the ICMP message; the IP header is added on send
-};
-
-// The packets to send for one echo request (`icmp` is the request's ICMP
-// message, `from` its IPv4 source, `to` its IPv4 destination).
-std::vector<Outgoing> plan(const Settings& s, const uint8_t* icmp, size_t len, in_addr from,
-                           in_addr to, const uint8_t* requestIpHeader);
-
-// Standard Internet checksum over `len` bytes, never 0x0000 (0xFFFF instead).
-uint16_t internetChecksum(const uint8_t* data, size_t len);
 
 }  // namespace probemond::lab

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
 # End-to-end: build/bin/probemond as a process in the lab's device namespace,
 # driven by probemonctl. One case per run: e2e_test.sh CASE (through lab.sh exec).
-set -u  # no pipefail: "| grep -q" may close its pipe early
 . "$(dirname "${BASH_SOURCE[0]}")/../support/lab_case.sh"
 
 # MAP_ORDER: the interfaces in the order of the daemon's interface map (by name).

@@ -3,7 +3,6 @@
 # under load, under faults of what surrounds it, and against hostile clients.
 # One case per run: reliability_test.sh CASE (through lab.sh exec). Lines
 # starting "FIGURE:" are the numbers the README quotes.
-set -u  # no pipefail: "| grep -q" may close its pipe early
 . "$(dirname "${BASH_SOURCE[0]}")/../support/lab_case.sh"
 
 readonly UID_APP=10123

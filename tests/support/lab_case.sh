@@ -2,6 +2,12 @@
 # The frame and assertions of the test scripts that run the daemon in the lab
 # (tests/e2e, tests/reliability). Source it; it loads lab/daemon.sh. A script
 # defines case_NAME functions and ends with pd_run_case "$1".
+#
+# A test case's strict mode: an unset variable is an error. No pipefail: a
+# check may pipe into `grep -q`, which can close its pipe before the writer
+# is done. No errexit: a failed check records the failure (fail) and the case
+# goes on to its other checks.
+set -u
 
 . "$(dirname "${BASH_SOURCE[0]}")/../../lab/daemon.sh"
 

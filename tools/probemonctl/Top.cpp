@@ -1,7 +1,5 @@
 #include "tools/probemonctl/Top.h"
 
-#include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -13,13 +11,8 @@
 #include <algorithm>
 #include <map>
 #include <sstream>
-#include <thread>
 
-#include <binder/Parcel.h>
-
-#include "tools/probemonctl/ServiceLookup.h"
-
-using namespace android;
+#include "tools/probemonctl/Service.h"
 
 namespace probemond::ctl {
 
@@ -187,46 +180,10 @@ volatile sig_atomic_t gStop = 0;
 
 void onSignal(int) { gStop = 1; }
 
-// The dump transaction, its text collected from the pipe.
-bool fetchDump(std::string* text, std::string* error) {
-    sp<IBinder> binder = findService(error);
-    if (binder == nullptr) return false;
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        *error = std::string("pipe: ") + strerror(errno);
-        return false;
-    }
-    text->clear();
-    // Read while the service writes, so a large dump cannot stall it.
-    std::thread reader([readFd = fds[0], text] {
-        char buf[4096];
-        ssize_t n;
-        while ((n = read(readFd, buf, sizeof(buf))) > 0 || (n < 0 && errno == EINTR)) {
-            if (n > 0) text->append(buf, static_cast<size_t>(n));
-        }
-        close(readFd);
-    });
-    status_t status;
-    {
-        Parcel data;
-        Parcel reply;
-        data.writeFileDescriptor(fds[1]);
-        data.writeInt32(0);
-        status = binder->transact(IBinder::DUMP_TRANSACTION, data, &reply);
-    }
-    close(fds[1]);
-    reader.join();
-    if (status != OK) {
-        *error = "dump failed (" + std::to_string(status) + ")";
-        return false;
-    }
-    return true;
-}
-
 std::vector<std::string> frameLines(const char* intervalText) {
     std::string dump, error;
     std::vector<std::string> lines;
-    if (fetchDump(&dump, &error)) {
+    if (readDump(&dump, &error)) {
         lines = renderTop(parseDump(dump));
     } else {
         lines.push_back("probemonctl: " + error);
@@ -303,7 +260,7 @@ int runTop(int argc, char** argv) {
     }
     if (once) {
         std::string dump, error;
-        if (!fetchDump(&dump, &error)) {
+        if (!readDump(&dump, &error)) {
             fprintf(stderr, "probemonctl: %s\n", error.c_str());
             return 1;
         }

@@ -1,29 +1,26 @@
 // Command-line client of probemond: one transaction per invocation, or a
 // callback watcher that stands in for the vendor client.
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
-#include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 
 #include "daemon/IKestNetworkProbeMon.h"
 #include "daemon/IKestNetworkProbeMonCallback.h"
-#include "tools/probemonctl/ServiceLookup.h"
+#include "tools/probemonctl/Service.h"
 #include "tools/probemonctl/Top.h"
 
 using namespace android;
+using probemond::ctl::statusName;
 
 namespace {
 
@@ -72,24 +69,6 @@ int usage(const char* problem, bool asked = false) {
     return asked ? 0 : kExitUsage;
 }
 
-const char* statusName(status_t s) {
-    switch (s) {
-        case OK: return "OK";
-        case PERMISSION_DENIED: return "PERMISSION_DENIED";
-        case NAME_NOT_FOUND: return "NAME_NOT_FOUND";
-        case NO_MEMORY: return "NO_MEMORY";
-        case BAD_VALUE: return "BAD_VALUE";
-        case DEAD_OBJECT: return "DEAD_OBJECT";
-        case INVALID_OPERATION: return "INVALID_OPERATION";
-        case NOT_ENOUGH_DATA: return "NOT_ENOUGH_DATA";
-        case UNKNOWN_TRANSACTION: return "UNKNOWN_TRANSACTION";
-        case BAD_TYPE: return "BAD_TYPE";
-        case FAILED_TRANSACTION: return "FAILED_TRANSACTION";
-        case UNEXPECTED_NULL: return "UNEXPECTED_NULL";
-        default: return "error";
-    }
-}
-
 bool parseInt(const char* text, long long lo, long long hi, long long* out) {
     errno = 0;
     char* end = nullptr;
@@ -123,35 +102,12 @@ int runCall(uint32_t code, const char* arg) {
 }
 
 int runDump() {
-    sp<IBinder> binder = findService();
-    if (binder == nullptr) return kExitFailed;
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        fprintf(stderr, "probemonctl: pipe: %s\n", strerror(errno));
-        return kExitFailed;
-    }
-    // Read while the service writes, so a dump larger than the pipe cannot stall it.
-    std::thread reader([readFd = fds[0]] {
-        char buf[4096];
-        ssize_t n;
-        while ((n = read(readFd, buf, sizeof(buf))) > 0 || (n < 0 && errno == EINTR)) {
-            if (n > 0 && fwrite(buf, 1, static_cast<size_t>(n), stdout) != static_cast<size_t>(n)) break;
-        }
-        close(readFd);
-    });
-    status_t status;
-    {
-        Parcel data;
-        Parcel reply;
-        data.writeFileDescriptor(fds[1]);
-        data.writeInt32(0);
-        status = binder->transact(IBinder::DUMP_TRANSACTION, data, &reply);
-    }
-    close(fds[1]);
-    reader.join();
+    std::string text, error;
+    const bool done = probemond::ctl::readDump(&text, &error);
+    fwrite(text.data(), 1, text.size(), stdout);
     fflush(stdout);
-    if (status != OK) {
-        fprintf(stderr, "probemonctl: dump failed: %s (%d)\n", statusName(status), status);
+    if (!done) {
+        fprintf(stderr, "probemonctl: %s\n", error.c_str());
         return kExitFailed;
     }
     return 0;

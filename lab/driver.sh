@@ -1,10 +1,15 @@
 # shellcheck shell=bash
-# The opening of the scripts that run in a lab of their own (tools/demo.sh,
-# bench/*.sh). Source it first:
-#   . "$(dirname "${BASH_SOURCE[0]}")/../lab/own_lab.sh"
+# The start of every lab driver: the demo and the benchmarks, scripts that
+# bring up a lab of their own and drive the daemon in it. Source it first:
+#   . "$(dirname "${BASH_SOURCE[0]}")/../lab/driver.sh"
 # It sets ROOT (the checkout), LAB (lab.sh), PROBEMOND_SOURCE_DIR and
 # PROBEMOND_BUILD_DIR (default <checkout>/build), and reads lab/interfaces.
-set -u
+#
+# A driver's strict mode: an unset variable is an error, and a pipeline fails
+# when any part of it does, so no `| grep -q` (it may leave the writer a
+# broken pipe: grep without -q reads to the end). No errexit: a driver checks
+# each step where it makes it and says which one failed (die, miss, skip).
+set -uo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 export PROBEMOND_SOURCE_DIR="$ROOT"
 export PROBEMOND_BUILD_DIR="${PROBEMOND_BUILD_DIR:-$ROOT/build}"
@@ -48,10 +53,10 @@ lab_session() {
     pd_clean_kernel
 }
 
-# own_lab_script LABEL FIRST_ARG BINARY...: the whole opening of a benchmark.
+# start_in_own_lab LABEL FIRST_ARG BINARY...: the whole opening of a benchmark.
 # Called with FIRST_ARG other than --inside: own_lab, run_inside, exit with its
 # status. With --inside: lab_session, and the script goes on.
-own_lab_script() {
+start_in_own_lab() {
     local label="$1" first="$2"
     shift 2
     if [ "$first" != "--inside" ]; then

@@ -1,4 +1,4 @@
-// probemond-probe-bench IFACE SERVER COUNT INTERVAL_MS
+// probemond-bench-probe IFACE SERVER COUNT INTERVAL_MS
 // Runs COUNT probes with Ping::ping and prints one RTT (ms) per line.
 #include <unistd.h>
 

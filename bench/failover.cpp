@@ -1,7 +1,7 @@
 // Datagram flow for the failover benchmark, run inside the lab:
-//   probemond-bench-flow listen ADDR PORT       print "<unix-ns> <ifname>" each time
+//   probemond-bench-failover listen ADDR PORT   print "<unix-ns> <ifname>" each time
 //                                               the ingress interface changes
-//   probemond-bench-flow send ADDR PORT MS      send a datagram every MS ms, for ever
+//   probemond-bench-failover send ADDR PORT MS  send a datagram every MS ms, for ever
 // The sender's socket is destroyed at every switch; it opens a new one and
 // goes on, as an application would.
 #include <android-base/unique_fd.h>
