@@ -129,6 +129,9 @@ public:
         allStarted = allStarted && started;
         return started;
     }
+    int executeForStatus(const char* command, const std::function<void(const char*)>& onOutput) override {
+        return armed ? real_.executeForStatus(command, onOutput) : 0;
+    }
     // The time of the lines run since the last call, or -1 when none ran.
     double takeMs() {
         double sum = lineMs_.empty() ? -1 : 0;

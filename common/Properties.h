@@ -21,6 +21,9 @@ inline constexpr const char* kRttDebugProperty = "vendor.kest.probemond.rtt_debu
 inline constexpr const char* kPingTimeoutProperty = "vendor.kest.probemond.ping_timeout";
 // 1: diagnostics of rejected replies.
 inline constexpr const char* kPingDebugProperty = "vendor.kest.probemond.ping_debug";
+// The platform's, not ours: zygote's state as init keeps it. netd restarts
+// with zygote, and every domain may read it.
+inline constexpr const char* kZygoteStateProperty = "init.svc.zygote";
 
 inline int32_t readIntProperty(const char* key, const char* defaultValue) {
     char value[PROPERTY_VALUE_MAX] = {};

@@ -6,12 +6,14 @@
 #include "daemon/KestNetworkProbeMondDump.h"
 #include "interfaces/InterfaceManager.h"
 #include "netctl/IptablesRuleManager.h"
+#include "netctl/NetdRestartWatcher.h"
 
 namespace android {
 
 KestNetworkProbeMond::KestNetworkProbeMond(probemond::InterfaceManager& interfaces,
-                                           probemond::IptablesRuleManager& iptables)
-    : interfaces_(interfaces), iptables_(iptables) {}
+                                           probemond::IptablesRuleManager& iptables,
+                                           const probemond::NetdRestartWatcher& netdRestarts)
+    : interfaces_(interfaces), iptables_(iptables), netdRestarts_(netdRestarts) {}
 
 void KestNetworkProbeMond::useBinderIPC() {
     ProcessState::initWithDriver(kDriver);
@@ -94,7 +96,8 @@ int32_t KestNetworkProbeMond::disableAutoSelectInternal() {
 }
 
 status_t KestNetworkProbeMond::dump(int fd, const Vector<String16>& /*args*/) {
-    return probemond::writeState(fd, interfaces_.snapshot(), iptables_.uidListSnapshot());
+    return probemond::writeState(fd, interfaces_.snapshot(), iptables_.uidListSnapshot(),
+                                 netdRestarts_.restorations());
 }
 
 }  // namespace android

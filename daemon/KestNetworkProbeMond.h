@@ -14,14 +14,16 @@
 namespace probemond {
 class InterfaceManager;
 class IptablesRuleManager;
+class NetdRestartWatcher;
 }  // namespace probemond
 
 namespace android {
 
 class KestNetworkProbeMond : public BnKestNetworkProbeMon {
 public:
-    // Both managers must outlive the service.
-    KestNetworkProbeMond(probemond::InterfaceManager& interfaces, probemond::IptablesRuleManager& iptables);
+    // The managers and the watcher must outlive the service.
+    KestNetworkProbeMond(probemond::InterfaceManager& interfaces, probemond::IptablesRuleManager& iptables,
+                         const probemond::NetdRestartWatcher& netdRestarts);
 
     // Registers this object as "probemond_Binder" on /dev/vndbinder and starts
     // the binder thread pool. Later calls register the same object again.
@@ -49,6 +51,7 @@ public:
 private:
     probemond::InterfaceManager& interfaces_;
     probemond::IptablesRuleManager& iptables_;
+    const probemond::NetdRestartWatcher& netdRestarts_;
 };
 
 }  // namespace android

@@ -121,7 +121,8 @@ void formatSwitches(std::ostringstream& out, const char* title,
 
 }  // namespace
 
-std::string formatState(const InterfaceManagerSnapshot& state, const std::vector<std::string>& uids) {
+std::string formatState(const InterfaceManagerSnapshot& state, const std::vector<std::string>& uids,
+                        const RestorationHistory& restorations) {
     std::ostringstream out;
     out << "interfaces (" << state.interfaces.size() << "):\n";
     for (const InterfaceSnapshot& i : state.interfaces) {
@@ -148,11 +149,17 @@ std::string formatState(const InterfaceManagerSnapshot& state, const std::vector
     }
     formatSwitches(out, "autoSelect switches", state.autoSwitches);
     formatSwitches(out, "manual selections", state.manualSelections);
+    out << "restored after platform restarts: count=" << restorations.count
+        << " lastMsAgo=" << msAgo(restorations.msSinceLast) << "\n";
+    if (restorations.count != 0) {
+        out << "  " << wallClock(restorations.lastWallMs) << " " << restorations.lastRestored << "\n";
+    }
     return out.str();
 }
 
-int writeState(int fd, const InterfaceManagerSnapshot& state, const std::vector<std::string>& uids) {
-    const std::string text = formatState(state, uids);
+int writeState(int fd, const InterfaceManagerSnapshot& state, const std::vector<std::string>& uids,
+               const RestorationHistory& restorations) {
+    const std::string text = formatState(state, uids, restorations);
     ScopedSigpipeBlock noSigpipe;
     return writeAll(fd, text);
 }

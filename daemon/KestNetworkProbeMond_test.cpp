@@ -17,6 +17,7 @@
 
 #include "RecordingCommandExecutor.h"
 #include "TempPropertyFile.h"
+#include "WatcherFakes.h"
 #include "tests/interfaces/InterfaceFakes.h"
 
 using namespace probemond;
@@ -34,7 +35,10 @@ TEST(Dump, EndsWhenTheReaderStopsReading) {
     RecordingCommandExecutor commands;
     IptablesRuleManager iptables(commands, commands);
     for (int uid = 1000000000; uid < 1000000400; ++uid) iptables.addUid(std::to_string(uid).c_str());
-    android::sp<android::KestNetworkProbeMond> service = new android::KestNetworkProbeMond(fake.m, iptables);
+    ScriptedWatch zygote;
+    FakeHooks hooks;
+    NetdRestartWatcher watcher(zygote, hooks);
+    android::sp<android::KestNetworkProbeMond> service = new android::KestNetworkProbeMond(fake.m, iptables, watcher);
 
     unique_fd master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     ASSERT_TRUE(master.ok() && grantpt(master.get()) == 0 && unlockpt(master.get()) == 0);

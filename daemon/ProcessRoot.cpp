@@ -5,10 +5,14 @@
 
 #include <memory>
 
+#include "common/Log.h"
+#include "common/Properties.h"
 #include "daemon/IKestNetworkProbeMonCallback.h"
 #include "interfaces/InterfaceManager.h"
 #include "netctl/IpRuleManager.h"
 #include "netctl/IptablesRuleManager.h"
+#include "netctl/NetdRestartWatcher.h"
+#include "netctl/PropertyWatch.h"
 #include "netctl/WrapperCommand.h"
 #include "probe/Ping.h"
 
@@ -66,6 +70,22 @@ private:
     IpRuleManager& ipRules_;
 };
 
+// What a netd restart takes: the iptables manager's two jumps and the policy
+// rules the interface manager keeps a list of.
+class PlatformHooks : public SteeringHooks {
+public:
+    PlatformHooks(IptablesRuleManager& iptables, InterfaceManager& interfaces)
+        : iptables_(iptables), interfaces_(interfaces) {}
+
+    HookCheck checkHooks() override { return iptables_.checkHooks(); }
+    void restoreJumps(const HookCheck& found) override { iptables_.restoreJumps(found); }
+    std::vector<std::string> restoreIpRules() override { return interfaces_.restoreIpRules(); }
+
+private:
+    IptablesRuleManager& iptables_;
+    InterfaceManager& interfaces_;
+};
+
 class DetachedLauncher : public ThreadLauncher {
 public:
     int start(std::function<void()> body) override {
@@ -101,6 +121,10 @@ struct Process {
     RuleManagers steering{iptables, ipRules};
     DetachedLauncher launcher;
     InterfaceManager interfaces{probers, sleeper, notifier, steering, launcher};
+
+    SystemPropertyWatch zygoteState{kZygoteStateProperty};
+    PlatformHooks hooks{iptables, interfaces};
+    NetdRestartWatcher netdRestarts{zygoteState, hooks};
 };
 
 }  // namespace
@@ -108,7 +132,9 @@ struct Process {
 android::sp<android::KestNetworkProbeMond> buildProcess() {
     static Process* const process = new Process();
     process->interfaces.initAllPingThread();
-    return new android::KestNetworkProbeMond(process->interfaces, process->iptables);
+    NetdRestartWatcher* watcher = &process->netdRestarts;
+    if (process->launcher.start([watcher] { watcher->run(); }) != 0) fatal("thread constructor failed");
+    return new android::KestNetworkProbeMond(process->interfaces, process->iptables, process->netdRestarts);
 }
 
 }  // namespace probemond

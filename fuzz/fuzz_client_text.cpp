@@ -40,6 +40,10 @@ struct Seams : RttProberFactory, Sleeper, AutoSelectNotifier, SteeringControl, T
         commands.emplace_back(command);
         return true;
     }
+    int executeForStatus(const char* command, const std::function<void(const char*)>&) override {
+        commands.emplace_back(command);
+        return 0;
+    }
     int32_t killUidSockets(const char*) override { return 0; }
 };
 

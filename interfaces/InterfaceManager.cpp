@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "common/Log.h"
@@ -213,10 +214,18 @@ int32_t InterfaceManager::addInterfaceIpRule(const char* iface) {
         LOGD("%s Invalid interface %s", "addInterfaceIpRule", iface);
         return -1;
     }
-    // Delete first so that adding twice leaves one rule.
-    steering_.delIpRule(info->prio);
-    steering_.addIpRule(info->name.c_str(), info->fwmark, info->prio);
+    MutexLock lock(ipRulesMutex_);
+    issueIpRule(*info);
+    // A rule added again counts from its latest add.
+    ipRules_.erase(std::remove(ipRules_.begin(), ipRules_.end(), info), ipRules_.end());
+    ipRules_.push_back(info);
     return 0;
+}
+
+void InterfaceManager::issueIpRule(const InterfaceInfo& info) {
+    // Delete first so that adding twice leaves one rule.
+    steering_.delIpRule(info.prio);
+    steering_.addIpRule(info.name.c_str(), info.fwmark, info.prio);
 }
 
 int32_t InterfaceManager::delInterfaceIpRule(const char* iface) {
@@ -226,8 +235,20 @@ int32_t InterfaceManager::delInterfaceIpRule(const char* iface) {
         LOGD("%s Invalid interface %s", "delInterfaceIpRule", iface);
         return -1;
     }
+    MutexLock lock(ipRulesMutex_);
     steering_.delIpRule(info->prio);
+    ipRules_.erase(std::remove(ipRules_.begin(), ipRules_.end(), info), ipRules_.end());
     return 0;
+}
+
+std::vector<std::string> InterfaceManager::restoreIpRules() {
+    MutexLock lock(ipRulesMutex_);
+    std::vector<std::string> names;
+    for (const InterfaceInfo* info : ipRules_) {
+        issueIpRule(*info);
+        names.push_back(info->name);
+    }
+    return names;
 }
 
 int32_t InterfaceManager::selectInterface(const char* iface) {

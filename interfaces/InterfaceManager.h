@@ -50,8 +50,12 @@ public:
     int32_t resumeAllPingThreads();
     int32_t getInterfaceRtt(const char* iface);
 
-    int32_t addInterfaceIpRule(const char* iface);
-    int32_t delInterfaceIpRule(const char* iface);
+    int32_t addInterfaceIpRule(const char* iface) PM_EXCLUDES(ipRulesMutex_);
+    int32_t delInterfaceIpRule(const char* iface) PM_EXCLUDES(ipRulesMutex_);
+    // Adds again, with addInterfaceIpRule's lines and in the order they were
+    // added, the rules that no delInterfaceIpRule undid, after something else
+    // removed them; returns their interface names. Never waits for ifaceMutex.
+    std::vector<std::string> restoreIpRules() PM_EXCLUDES(ipRulesMutex_);
     int32_t selectInterface(const char* iface) PM_EXCLUDES(selection_.ifaceMutex);
 
     // Stops a running engine, then starts a new engine thread on the listed
@@ -74,6 +78,7 @@ private:
     // first step until after the last, so one engine runs at a time and
     // manual selection waits until auto-select is off.
     void runAutoSelect(const Candidates& ifaces) PM_EXCLUDES(selection_.ifaceMutex);
+    void issueIpRule(const InterfaceInfo& info) PM_REQUIRES(ipRulesMutex_);
 
     RttProberFactory& probers_;
     Sleeper& sleeper_;
@@ -86,6 +91,11 @@ private:
     PingServers servers_{ifaceMap};
     AutoSelectEngine engine_;
     std::vector<std::unique_ptr<PingWorker>> workers_;
+
+    // Held across the rule commands, so that the list and the kernel change
+    // in the same order whatever binder calls run at once.
+    Mutex ipRulesMutex_;
+    std::vector<const InterfaceInfo*> ipRules_ PM_GUARDED_BY(ipRulesMutex_);  // oldest add first
 };
 
 }  // namespace probemond

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <thread>
+
 #include "LogCapture.h"
 #include "TempPropertyFile.h"
 #include "common/Properties.h"
@@ -127,6 +130,52 @@ TEST(Selection, FirstChangeRepeatAndUnknownNames) {
                        "addInterfaceIpRule Invalid interface wlan9", "delInterfaceIpRule Invalid interface "}),
               log.texts());
     EXPECT_EQ("wlan1", fake.m.snapshot().userSelectIface);
+}
+
+// A restore repeats add-ip-rule's calls for the rules the client's adds
+// left, in the order of their latest add; it is no add itself.
+TEST(PolicyRules, RestoreRepeatsTheLiveAddsInOrder) {
+    TempPropertyFile props;
+    FakeManager fake;
+    for (const char* add : {"wlan0", "rmnet_data0", "wlan1", "rmnet_data3", "wlan0"}) fake.m.addInterfaceIpRule(add);
+    for (const char* del : {"wlan1", "rmnet_data5", "rmnet_data3"}) fake.m.delInterfaceIpRule(del);
+    fake.recorder.clear();
+    EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules());
+    EXPECT_EQ((Strings{"delIpRule 29700", "addIpRule rmnet_data0 0xd0 29700", "delIpRule 29500",
+                       "addIpRule wlan0 0xa0 29500"}),
+              fake.recorder.calls());
+    EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules());
+}
+
+// Binder calls at once: the list ends as the rules do, whichever came last.
+TEST(PolicyRules, ConcurrentAddsAndDeletesLeaveTheListAsTheRules) {
+    TempPropertyFile props;
+    FakeManager fake;
+    std::vector<std::thread> clients;
+    for (int t = 0; t < 4; ++t) {
+        clients.emplace_back([&fake, t] {
+            for (int i = 0; i < 200; ++i) {
+                const char* iface = (i + t) % 3 ? "wlan0" : "rmnet_data0";
+                if ((i * 7 + t) % 2) {
+                    fake.m.addInterfaceIpRule(iface);
+                } else {
+                    fake.m.delInterfaceIpRule(iface);
+                }
+            }
+        });
+    }
+    for (std::thread& c : clients) c.join();
+    const Strings calls = fake.recorder.calls();
+    Strings live;  // the interfaces whose last call was an add, by its mark
+    for (const char* name : {"rmnet_data0", "wlan0"}) {
+        const std::string prio = fake.info(name).prio;
+        const auto last = std::find_if(calls.rbegin(), calls.rend(),
+                                       [&](const std::string& c) { return c.find(prio) != std::string::npos; });
+        if (last != calls.rend() && last->rfind("addIpRule", 0) == 0) live.push_back(name);
+    }
+    Strings listed = fake.m.restoreIpRules();
+    std::sort(listed.begin(), listed.end());
+    EXPECT_EQ(live, listed);
 }
 
 }  // namespace

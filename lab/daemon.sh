@@ -16,10 +16,11 @@ pd_init() {
     lab_read_identity || exit 2
     PD_TMP="$(mktemp -d /tmp/probemond-lab.XXXXXX)"
     # What the daemon's user may use here, as on a phone: this folder to pass
-    # through, its binder directory, the property file to read.
+    # through, its binder directory, the property file to read and its
+    # folder to watch (the host's property wait needs to read the folder).
     chmod 0711 "$PD_TMP"
-    export PROBEMOND_BINDER_DIR="$PD_TMP/binder" PROBEMOND_PROPERTY_FILE="$PD_TMP/properties"
-    mkdir -p "$PROBEMOND_BINDER_DIR/vndbinder"
+    export PROBEMOND_BINDER_DIR="$PD_TMP/binder" PROBEMOND_PROPERTY_FILE="$PD_TMP/props/properties"
+    mkdir -p "$PROBEMOND_BINDER_DIR/vndbinder" "$PD_TMP/props"
     chown "$LAB_DAEMON_UID:$LAB_DAEMON_GID" "$PROBEMOND_BINDER_DIR/vndbinder"
     : >"$PROBEMOND_PROPERTY_FILE"
     # The clients here run as root; the daemon reaches their callback sockets

@@ -12,6 +12,11 @@
 #   lab.sh counters [IFACE]       packets the device sent over IFACE
 #   lab.sh relink IFACE           re-create IFACE after a test deleted it
 #   lab.sh reset                  every interface present, up, and without delay, loss or fault
+#   lab.sh netd-restart [--no-zygote] [PROPERTY_FILE]
+#                                 netd's start as it meets the daemon, then zygote-restart
+#   lab.sh zygote-restart [PROPERTY_FILE]
+#                                 init.svc.zygote through "restarting" to "running" in the
+#                                 daemon's property file ($PROBEMOND_PROPERTY_FILE by default)
 #
 # PROBEMOND_LAB (default "probemond") names the lab; labs with different
 # names are independent. PROBEMOND_LAB_OWNER is the pid of the process a lab
@@ -190,11 +195,17 @@ setup_iface() {
     ip -n "$NET" neigh replace "$dev_ip" lladdr "$(mac "$i" 2)" dev "$p" nud permanent || return 1
     ip -n "$DEV" link set "$i" up || return 1
     ip -n "$NET" link set "$p" up || return 1
-    ip -n "$DEV" route replace default via "$gw" dev "$i" metric "$(metric "$i")" || return 1
-    ip -n "$DEV" route replace default via "$gw" dev "$i" table "$(table_id "$i")" || return 1
+    put_routes "$i" || return 1
     [ -f "$STATE/ctl/$i/delay" ] || write_setting "$i" delay 0
     [ -f "$STATE/ctl/$i/loss" ] || write_setting "$i" loss 0
     [ -f "$STATE/ctl/$i/fault" ] || write_setting "$i" fault off
+}
+
+# IFACE's default routes: by its metric in main, alone in its own table.
+put_routes() {
+    local gw="10.77.$(octet "$1").1"
+    ip -n "$DEV" route replace default via "$gw" dev "$1" metric "$(metric "$1")" &&
+        ip -n "$DEV" route replace default via "$gw" dev "$1" table "$(table_id "$1")"
 }
 
 # The daemon's iptables runs without root, for which the kernel loads no
@@ -439,6 +450,59 @@ cmd_netexec() {
     exec ip netns exec "$NET" env PROBEMOND_LAB="$NAME" "$@"
 }
 
+# PROPERTY_FILE, else $PROBEMOND_PROPERTY_FILE (a running daemon's), if it exists.
+property_file() {
+    local f="${1:-${PROBEMOND_PROPERTY_FILE:-}}"
+    [ -n "$f" ] || { echo "lab: which property file? Name it, or set PROBEMOND_PROPERTY_FILE as the daemon's" >&2; return 1; }
+    [ -f "$f" ] || { echo "lab: no property file $f" >&2; return 1; }
+    echo "$f"
+}
+
+# FILE KEY VALUE: the key's line replaced by a rename, as the host's
+# property_set does; the file keeps its owner and mode.
+set_property() {
+    local tmp="$(dirname "$1")/.$(basename "$1").lab.$$"
+    { grep -v "^[[:space:]]*${2//./\\.}[[:space:]]*=" "$1"; printf '%s=%s\n' "$2" "$3"; } >"$tmp" &&
+        chmod --reference="$1" "$tmp" && chown --reference="$1" "$tmp" && mv -f "$tmp" "$1" && return 0
+    rm -f "$tmp"
+    return 1
+}
+
+# zygote's state as a framework restart moves it: "restarting", then, a
+# second later (init starts it again after a pause), "running".
+cmd_zygote_restart() {
+    local file
+    file="$(property_file "${1:-}")" || exit 1
+    set_property "$file" init.svc.zygote restarting || die "cannot write $file"
+    sleep 1
+    set_property "$file" init.svc.zygote running || die "cannot write $file"
+}
+
+# What netd does each time it starts: it flushes mangle OUTPUT and nat
+# POSTROUTING (the daemon's two jumps with them) and deletes every ip rule
+# but priority 0's, then puts back its own rules and routes; here the lab's:
+# the main and default lookups and each interface's routes. netd starts
+# again whenever zygote does, so zygote's state moves after it
+# (zygote-restart), unless --no-zygote: a netd restart nothing tells of.
+cmd_netd_restart() {
+    local zygote=1 file="" prio i
+    [ "${1:-}" = "--no-zygote" ] && { zygote=0; shift; }
+    require_root
+    [ -d "$STATE/ctl" ] || die "lab $NAME is not up"
+    if [ $zygote -eq 1 ]; then file="$(property_file "${1:-}")" || exit 1; fi
+    ip netns exec "$DEV" env XTABLES_LOCKFILE="$STATE/xtables.lock" sh -c \
+        'iptables-legacy -w -t mangle -F OUTPUT && iptables-legacy -w -t nat -F POSTROUTING' ||
+        die "cannot flush OUTPUT and POSTROUTING"
+    for prio in $(ip -n "$DEV" -4 rule show | sed -n 's/^\([0-9]*\):.*/\1/p' | sort -un); do
+        [ "$prio" -eq 0 ] && continue
+        while ip -n "$DEV" -4 rule del prio "$prio" 2>/dev/null; do :; done
+    done
+    { ip -n "$DEV" -4 rule add prio 32766 lookup main && ip -n "$DEV" -4 rule add prio 32767 lookup default; } ||
+        die "cannot put back the main and default lookups"
+    for i in "${IFACES[@]}"; do put_routes "$i" || die "cannot put back the routes of $i"; done
+    [ $zygote -eq 0 ] || cmd_zygote_restart "$file"
+}
+
 usage() {
     cat <<U
 usage: lab.sh COMMAND [ARGS]   (lab "$NAME"; set PROBEMOND_LAB for another)
@@ -456,6 +520,14 @@ usage: lab.sh COMMAND [ARGS]   (lab "$NAME"; set PROBEMOND_LAB for another)
   counters [IFACE]         packets received from IFACE on the internet side
   relink IFACE             re-create IFACE (and its peer) as "up" made it
   reset                    every interface present and up, no delay, loss or fault
+  netd-restart [--no-zygote] [PROPERTY_FILE]
+                           what netd's start does here: mangle OUTPUT, nat POSTROUTING
+                           and every ip rule but priority 0's flushed, the lab's own
+                           rules and routes put back; then zygote-restart
+  zygote-restart [PROPERTY_FILE]
+                           init.svc.zygote to "restarting", a second later "running",
+                           in PROPERTY_FILE (default: \$PROBEMOND_PROPERTY_FILE, the
+                           running daemon's)
 U
 }
 
@@ -473,6 +545,8 @@ case "$sub" in
     counters) cmd_counters "$@" ;;
     relink) cmd_relink "$@" ;;
     reset) cmd_reset ;;
+    netd-restart) cmd_netd_restart "$@" ;;
+    zygote-restart) cmd_zygote_restart "$@" ;;
     -h|--help|help|"") usage ;;
     *) usage >&2; exit 2 ;;
 esac

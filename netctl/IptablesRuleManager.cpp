@@ -11,12 +11,16 @@ int32_t KernelSocketKiller::killUidSockets(const char* uid) { return probemond::
 
 namespace {
 
+// The tree's two entries, which netd's start flushes with the chains they sit in.
+constexpr char kOutputJump[] = "-t mangle -I OUTPUT -j kest_probemon_uid";
+constexpr char kPostroutingJump[] = "-t nat -A POSTROUTING -j kest_probemon_snat";
+
 // The tree, in the order it is built. A restarted daemon finds its chains:
 // -N fails harmlessly and -F empties them.
 constexpr const char* kChainTree[] = {
         "-t mangle -N kest_probemon_uid",
         "-t mangle -F kest_probemon_uid",
-        "-t mangle -I OUTPUT -j kest_probemon_uid",
+        kOutputJump,
         "-t mangle -N kest_probemon_iface",
         "-t mangle -F kest_probemon_iface",
         "-t mangle -N kest_probemon_iface_rmnet",
@@ -30,10 +34,18 @@ constexpr const char* kChainTree[] = {
         "-t mangle -A kest_probemon_iface -j kest_probemon_iface_wlan",
         "-t nat -N kest_probemon_snat",
         "-t nat -F kest_probemon_snat",
-        "-t nat -A POSTROUTING -j kest_probemon_snat",
+        kPostroutingJump,
         "-t nat -N kest_masquerade",
         "-t nat -F kest_masquerade",
 };
+
+// iptables -C: 0 when the rule is there, 1 when it is not; anything else
+// (a bad line, the xtables lock, a command that did not run) tells nothing.
+JumpState jumpState(int status) {
+    if (status == 0) return JumpState::kInPlace;
+    if (status == 1) return JumpState::kMissing;
+    return JumpState::kUnknown;
+}
 
 bool refuseBadUid(const char* caller, const char* uid) {
     if (isValidUidText(uid)) return false;
@@ -136,6 +148,20 @@ void IptablesRuleManager::killListedUidSockets(const char* caller) {
             LOGE("%s Failed to kill sockets of uid : %s", caller, uid.c_str());
         }
     }
+}
+
+HookCheck IptablesRuleManager::checkHooks() {
+    MutexLock lock(mutex_);
+    HookCheck found;
+    found.outputJump = jumpState(runCheck(executor_, kIptables, "-t mangle -C OUTPUT -j kest_probemon_uid"));
+    found.postroutingJump = jumpState(runCheck(executor_, kIptables, "-t nat -C POSTROUTING -j kest_probemon_snat"));
+    return found;
+}
+
+void IptablesRuleManager::restoreJumps(const HookCheck& found) {
+    MutexLock lock(mutex_);
+    if (found.outputJump == JumpState::kMissing) runCommand(executor_, kIptables, "%s", kOutputJump);
+    if (found.postroutingJump == JumpState::kMissing) runCommand(executor_, kIptables, "%s", kPostroutingJump);
 }
 
 std::vector<std::string> IptablesRuleManager::uidListSnapshot() const {

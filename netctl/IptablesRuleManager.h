@@ -26,6 +26,15 @@ public:
     int32_t killUidSockets(const char* uid) override;
 };
 
+// Whether one of the two jumps into the chain tree (from mangle OUTPUT and
+// nat POSTROUTING) is there, as iptables -C answered.
+enum class JumpState { kInPlace, kMissing, kUnknown };
+
+struct HookCheck {
+    JumpState outputJump = JumpState::kUnknown;
+    JumpState postroutingJump = JumpState::kUnknown;
+};
+
 class IptablesRuleManager {
 public:
     // Builds the chain tree. `executor` and `killer` must outlive the manager.
@@ -43,6 +52,11 @@ public:
     void disableAutoSelect() PM_EXCLUDES(mutex_);
     // Runs without the manager's mutex.
     void killUidSocket() PM_EXCLUDES(uidListLock_);
+
+    // Asks iptables whether the two jumps are there; changes nothing.
+    HookCheck checkHooks() PM_EXCLUDES(mutex_);
+    // Adds back, with the start-up lines, each jump `found` says is missing.
+    void restoreJumps(const HookCheck& found) PM_EXCLUDES(mutex_);
 
     // A copy of uidList; takes only the short list lock, never the mutex that
     // a slow command sequence holds.

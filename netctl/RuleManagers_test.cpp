@@ -124,6 +124,25 @@ TEST_F(CommandLines, AutoSelect) {
         EXPECT_EQ(log.count(std::string(caller) + " Failed to kill sockets of uid : 10002", ANDROID_LOG_ERROR), 1u);
 }
 
+// -C answers 0 when the rule is there and 1 when not; the restore adds back
+// only what is missing, with the start-up lines.
+TEST_F(CommandLines, HookCheckAndRestore) {
+    rec_.take();
+    rec_.statuses = {1, 0, 0, 1, 2, kNotStarted};
+    const HookCheck found[] = {ipt_.checkHooks(), ipt_.checkHooks(), ipt_.checkHooks()};
+    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -C OUTPUT -j kest_probemon_uid",
+                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -C POSTROUTING -j kest_probemon_snat",
+                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -C OUTPUT -j kest_probemon_uid",
+                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -C POSTROUTING -j kest_probemon_snat",
+                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -C OUTPUT -j kest_probemon_uid",
+                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -C POSTROUTING -j kest_probemon_snat"}));
+    for (const HookCheck& f : found) ipt_.restoreJumps(f);
+    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -I OUTPUT -j kest_probemon_uid",
+                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -A POSTROUTING -j kest_probemon_snat"}));
+    EXPECT_EQ(found[2].outputJump, JumpState::kUnknown);
+    EXPECT_EQ(found[2].postroutingJump, JumpState::kUnknown);
+}
+
 TEST_F(CommandLines, IpRule) {
     IpRuleManager ip(rec_);
     rec_.take();

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sys/wait.h>
+
 #include "common/Log.h"
 
 namespace probemond {
@@ -27,9 +29,9 @@ const char* hostCommand(const char* command, char* mapped, size_t size) {
 }
 #endif
 
-}  // namespace
-
-bool PopenCommandExecutor::execute(const char* command, const std::function<void(const char*)>& onOutput) {
+// Whether the command could be started; `status` gets its wait status, or
+// -1 when none could be read.
+bool runPopen(const char* command, const std::function<void(const char*)>& onOutput, int* status) {
 #ifdef PROBEMOND_HOST
     char mapped[kCommandSize + PATH_MAX];
     command = hostCommand(command, mapped, sizeof(mapped));
@@ -40,8 +42,23 @@ bool PopenCommandExecutor::execute(const char* command, const std::function<void
     char line[kOutputLineSize];
     memset(line, 0, sizeof(line));
     while (fgets(line, sizeof(line), out) != nullptr) onOutput(line);
-    pclose(out);  // the tools' exit status tells nothing the daemon acts on
+    *status = pclose(out);
     return true;
+}
+
+void logOutput(const char* piece) { LOGD("PROBEMOND EXECNETD RESP %s", piece); }
+
+}  // namespace
+
+bool PopenCommandExecutor::execute(const char* command, const std::function<void(const char*)>& onOutput) {
+    int status;  // the tools' exit status tells nothing the daemon acts on
+    return runPopen(command, onOutput, &status);
+}
+
+int PopenCommandExecutor::executeForStatus(const char* command, const std::function<void(const char*)>& onOutput) {
+    int status;
+    if (!runPopen(command, onOutput, &status)) return kNotStarted;
+    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : kNoExitStatus;
 }
 
 CommandRun runCommand(CommandExecutor& executor, const WrapperTool& tool, const char* argsFormat, ...) {
@@ -55,10 +72,17 @@ CommandRun runCommand(CommandExecutor& executor, const WrapperTool& tool, const 
 }
 
 bool runWrapperCommand(CommandExecutor& executor, const char* command, const char* failureFormat) {
-    const bool started =
-            executor.execute(command, [](const char* piece) { LOGD("PROBEMOND EXECNETD RESP %s", piece); });
+    const bool started = executor.execute(command, logOutput);
     if (!started) LOGE(failureFormat, command);
     return started;
+}
+
+int runCheck(CommandExecutor& executor, const WrapperTool& tool, const char* args) {
+    char line[kCommandSize];
+    formatBounded(line, sizeof(line), "%s%s", tool.prefix, args);
+    const int status = executor.executeForStatus(line, logOutput);
+    if (status == kNotStarted) LOGE(tool.failureFormat, line);
+    return status;
 }
 
 }  // namespace probemond

@@ -8,18 +8,27 @@
 
 namespace probemond {
 
+// executeForStatus when the command could not be started, or when it was but
+// ended without an exit status (a signal).
+inline constexpr int kNotStarted = -1;
+inline constexpr int kNoExitStatus = -2;
+
 // Starts a command line and hands back its output piece by piece.
 class CommandExecutor {
 public:
     virtual ~CommandExecutor() = default;
     // Returns false when the command could not be started.
     virtual bool execute(const char* command, const std::function<void(const char* piece)>& onOutput) = 0;
+    // The same, for the one kind of line whose answer is its exit status: 0
+    // to 255, kNotStarted or kNoExitStatus.
+    virtual int executeForStatus(const char* command, const std::function<void(const char* piece)>& onOutput) = 0;
 };
 
 // The real one: popen, output read in pieces of at most 1023 characters.
 class PopenCommandExecutor : public CommandExecutor {
 public:
     bool execute(const char* command, const std::function<void(const char* piece)>& onOutput) override;
+    int executeForStatus(const char* command, const std::function<void(const char* piece)>& onOutput) override;
 };
 
 // One of the two wrapper tools: how each of its command lines begins, and the
@@ -47,5 +56,10 @@ CommandRun runCommand(CommandExecutor& executor, const WrapperTool& tool, const 
 
 // True when the command was started, whatever it printed or returned.
 bool runWrapperCommand(CommandExecutor& executor, const char* command, const char* failureFormat);
+
+// Runs `tool`'s prefix followed by `args`, a line that asks the tool a
+// question (iptables -C), and returns what executeForStatus does. Output and
+// a line that cannot be started are logged as for any line.
+int runCheck(CommandExecutor& executor, const WrapperTool& tool, const char* args);
 
 }  // namespace probemond

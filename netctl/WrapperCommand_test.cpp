@@ -44,6 +44,10 @@ TEST(PopenRunner, OnlyALeadingSystemBinIsMappedAndNoDescriptorLeaks) {
     unsetenv("PROBEMOND_SYSTEM_BIN");
     EXPECT_TRUE(run("/system/bin/chatty"));  // not mapped: no such tool here
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(run("true"));  // silent: logs nothing
+    // Only a check reads the exit status; a killed shell has none.
+    probemond::PopenCommandExecutor runner;
+    EXPECT_EQ(3, runner.executeForStatus("exit 3", [](const char*) {}));
+    EXPECT_EQ(kNoExitStatus, runner.executeForStatus("kill -KILL $$", [](const char*) {}));
     EXPECT_EQ(log.texts(), (Lines{"PROBEMOND EXECNETD RESP one\n", "PROBEMOND EXECNETD RESP /system/bin/quiet\n"}));
     for (const auto& line : log.lines()) EXPECT_EQ(line.priority, ANDROID_LOG_DEBUG);
     EXPECT_EQ(openFdCount(), before);

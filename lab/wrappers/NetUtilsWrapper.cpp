@@ -4,7 +4,9 @@
 // the device's stock patterns and the daemon's additions; a line they allow
 // becomes the lab's tool (its output and exit status are the tool's), any
 // other is refused as on a phone, and also appended to the file named by
-// PROBEMOND_WRAPPER_REFUSALS, so that the run that caused it fails.
+// PROBEMOND_WRAPPER_REFUSALS, so that the run that caused it fails. Each line
+// it runs is appended to the file PROBEMOND_WRAPPER_RUNS names, when set, so a
+// test can count what the daemon ran.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -29,13 +31,14 @@ const char* hostTool(const std::string& tool) {
     return nullptr;
 }
 
-void record(const std::string& text) {
-    const char* path = getenv("PROBEMOND_WRAPPER_REFUSALS");
+// Appends the line to the file the variable names, if it names one.
+void record(const char* variable, const std::string& text) {
+    const char* path = getenv(variable);
     if (path == nullptr || path[0] == '\0') return;
     const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     const std::string line = text + "\n";
     if (fd < 0 || write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
-        fprintf(stderr, "NetUtilsWrapper: cannot record the refusal in %s: %s\n", path, strerror(errno));
+        fprintf(stderr, "NetUtilsWrapper: cannot record the line in %s: %s\n", path, strerror(errno));
     if (fd >= 0) close(fd);
 }
 
@@ -59,9 +62,10 @@ int main(int argc, char** argv) {
     }
     if (!allowed || !list.allows(text)) {
         fprintf(stderr, "NetUtilsWrapper: Unexpected command: %s\n", text.c_str());
-        record(text);
+        record("PROBEMOND_WRAPPER_REFUSALS", text);
         return 1;
     }
+    record("PROBEMOND_WRAPPER_RUNS", text);
     argv[1] = const_cast<char*>(hostTool(tool));
     execvp(argv[1], argv + 1);
     fprintf(stderr, "NetUtilsWrapper: cannot run %s: %s\n", argv[1], strerror(errno));

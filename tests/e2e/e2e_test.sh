@@ -178,4 +178,71 @@ case_dump_held() {
     grep -qx "steered uids (1): $UID_APP" <<<"$out" || fail "steered uid missing from dump"
 }
 
+# A netd restart, then zygote's: the steered UID leaves by the default
+# interface once netd's start took the jumps and rules, and by IFACE again
+# within 10 s of zygote's "running", with each jump and each rule at PRIO...
+# once, after one restoration.
+check_netd_restart() {  # IFACE PRIO...
+    local iface="$1" prio m n; shift
+    "$PD_LAB" netd-restart --no-zygote || { fail "netd-restart"; return; }
+    expect_eq "carrier after netd's start" wlan0 "$(pd_udp_carrier $UID_APP 200)"
+    expect_eq "daemon's rules after netd's start" 0 "$(ip -4 rule show | grep -c fwmark)"
+    "$PD_LAB" zygote-restart || { fail "zygote-restart"; return; }
+    pd_wait_true 10 carrier_is "$iface" || fail "carrier 10 s after zygote's running: $(pd_udp_carrier $UID_APP 200)"
+    for prio in "$@"; do expect_eq "rules at $prio" 1 "$(ip -4 rule show prio "$prio" | grep -c .)"; done
+    m="$(iptables-legacy-save -t mangle)" n="$(iptables-legacy-save -t nat)"
+    expect_eq "OUTPUT jumps" 1 "$(grep -c '^-A OUTPUT -j kest_probemon_uid$' <<<"$m")"
+    expect_eq "POSTROUTING jumps" 1 "$(grep -c '^-A POSTROUTING -j kest_probemon_snat$' <<<"$n")"
+    pd_ctl dump | grep -qE "^restored after platform restarts: count=1 lastMsAgo=[0-9]+$" ||
+        fail "dump: $(pd_ctl dump | grep -A1 '^restored')"
+}
+carrier_is() { [ "$(pd_udp_carrier $UID_APP 200)" = "$1" ]; }
+
+# The manual branch steers only to cellular (selecting Wi-Fi marks nothing),
+# so the UID goes to rmnet_data0. zygote's state is "running" from the start,
+# as on a phone; a quiet minute of other property changes runs no command.
+case_restore_manual() {
+    local f="$PROBEMOND_PROPERTY_FILE" n c
+    echo "init.svc.zygote=running" >>"$f"
+    export PROBEMOND_WRAPPER_RUNS="$PD_TMP/runs"
+    pd_daemon_file "$PROBEMOND_WRAPPER_RUNS"
+    pd_start_daemon || { fail "start"; return; }
+    for c in "add-uid $UID_APP" "add-ip-rule wlan1" "add-ip-rule rmnet_data0" "select rmnet_data0"; do
+        pd_ctl $c >/dev/null
+    done
+    expect_eq "carrier before" rmnet_data0 "$(pd_udp_carrier $UID_APP 200)"
+    # Held for good from here; restoring never needs it.
+    pd_ctl select eth0 >/dev/null
+
+    : >"$PROBEMOND_WRAPPER_RUNS"
+    for ((n = 0; n < 30; n++)); do  # a minute
+        { grep -v '^vendor.kest.test.renamed=' "$f"; echo "vendor.kest.test.renamed=$n"; } >"$f.new" && mv "$f.new" "$f"
+        echo "vendor.kest.test.appended=$n" >>"$f"
+        sleep 2
+    done
+    expect_eq "wrapper lines in a quiet minute" "" "$(cat "$PROBEMOND_WRAPPER_RUNS")"
+
+    check_netd_restart rmnet_data0 "${LAB_PRIORITY[wlan1]}" "${LAB_PRIORITY[rmnet_data0]}"
+    grep -q -- " -C OUTPUT -j kest_probemon_uid$" "$PROBEMOND_WRAPPER_RUNS" || fail "the wrappers saw no check"
+    expect_eq "restoration lines" \
+        "restored the mangle OUTPUT and nat POSTROUTING jumps and the ip rules of wlan1, rmnet_data0 after a platform restart" \
+        "$(pd_log_texts | grep 'after a platform restart$')"
+}
+
+# The auto branch, steering to rmnet_data0 after a switch from a slow wlan0.
+case_restore_auto() {
+    local c
+    echo "init.svc.zygote=running" >>"$PROBEMOND_PROPERTY_FILE"
+    "$PD_LAB" delay wlan0 150
+    "$PD_LAB" delay rmnet_data0 40
+    pd_start_daemon || { fail "start"; return; }
+    for c in "add-uid $UID_APP" "add-ip-rule rmnet_data0" "select wlan0" "auto-select wlan0,rmnet_data0,"; do
+        pd_ctl $c >/dev/null
+    done
+    pd_wait_true 30 pd_auto_branch_is kest_probemon_rmnet_data0 || { fail "no switch: '$(pd_auto_branch)'"; return; }
+    expect_eq "carrier before" rmnet_data0 "$(pd_udp_carrier $UID_APP 200)"
+    check_netd_restart rmnet_data0 "${LAB_PRIORITY[rmnet_data0]}"
+    expect_eq "auto branch" kest_probemon_rmnet_data0 "$(pd_auto_branch)"
+}
+
 pd_run_case "${1:-}"

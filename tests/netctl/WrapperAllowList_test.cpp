@@ -41,6 +41,8 @@ Lines everyCommandLine() {
         ip.delIpRule(row.prio);
     }
     ipt.disableAutoSelect();
+    rec.statuses = {1, 1};  // both jumps missing
+    ipt.restoreJumps(ipt.checkHooks());
     return rec.commands();
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -19,6 +20,15 @@ public:
         record(command);
         return !failAll;
     }
+    // Answers with the next of `statuses`, 0 once they are used up.
+    int executeForStatus(const char* command, const std::function<void(const char*)>&) override {
+        record(command);
+        std::lock_guard<std::mutex> g(lock_);
+        if (statuses.empty()) return failAll ? kNotStarted : 0;
+        const int status = statuses.front();
+        statuses.pop_front();
+        return status;
+    }
     int32_t killUidSockets(const char* uid) override {
         record(std::string("kill sockets of ") + uid);
         return uid == failKillOf ? -1 : 0;
@@ -34,6 +44,7 @@ public:
     }
     std::atomic<bool> failAll{false};
     std::string failKillOf;  // not while another thread uses the manager
+    std::deque<int> statuses;  // likewise
 
 private:
     void record(std::string entry) {

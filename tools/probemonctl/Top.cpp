@@ -87,7 +87,7 @@ void renderSwitches(std::vector<std::string>* lines, const char* title, const To
 TopFrame parseDump(const std::string& dump) {
     TopFrame frame;
     std::map<std::string, size_t> index;
-    enum { kNone, kInterfaces, kProbes, kAuto, kManual } section = kNone;
+    enum { kNone, kInterfaces, kProbes, kAuto, kManual, kRestored } section = kNone;
     std::istringstream in(dump);
     std::string line;
     while (std::getline(in, line)) {
@@ -117,6 +117,8 @@ TopFrame parseDump(const std::string& dump) {
                 frame.autoSwitches.recent.push_back(line.substr(2));
             } else if (section == kManual) {
                 frame.manualSelections.recent.push_back(line.substr(2));
+            } else if (section == kRestored) {
+                frame.restorations.recent.push_back(line.substr(2));
             }
             continue;
         }
@@ -137,6 +139,9 @@ TopFrame parseDump(const std::string& dump) {
         } else if (startsWith(line, "manual selections:")) {
             section = kManual;
             parseSwitchHeader(line, &frame.manualSelections);
+        } else if (startsWith(line, "restored after platform restarts:")) {
+            section = kRestored;
+            parseSwitchHeader(line, &frame.restorations);
         }
     }
     return frame;
@@ -165,6 +170,7 @@ std::vector<std::string> renderTop(const TopFrame& frame) {
                     (frame.autoEnabled ? "on" : "off") + "   auto: " + frame.autoSelect);
     renderSwitches(&lines, "auto-select switches", frame.autoSwitches);
     renderSwitches(&lines, "manual selections", frame.manualSelections);
+    renderSwitches(&lines, "restored after platform restarts", frame.restorations);
     return lines;
 }
 

@@ -33,6 +33,7 @@ struct TopFrame {
     bool autoEnabled = false;
     TopSwitches autoSwitches;
     TopSwitches manualSelections;
+    TopSwitches restorations;  // the hooks put back after a platform restart
 };
 
 TopFrame parseDump(const std::string& dump);

@@ -36,7 +36,12 @@ std::string sampleDump() {
     for (int k = 0; k < 7; ++k) {
         s.autoSwitches.recent.push_back({1700000000000 + k * 1000, "wlan0", 150 + k, "rmnet_data0", 40});
     }
-    return probemond::formatState(s, {"10123"});
+    RestorationHistory restored;
+    restored.count = 2;
+    restored.msSinceLast = 61000;
+    restored.lastWallMs = 1700000009000;
+    restored.lastRestored = "the mangle OUTPUT jump and the ip rules of wlan1";
+    return probemond::formatState(s, {"10123"}, restored);
 }
 
 TEST(Top, OneRowPerInterfaceThenTheSelection) {
@@ -66,6 +71,8 @@ TEST(Top, OneRowPerInterfaceThenTheSelection) {
     EXPECT_NE(all.find("wlan0 (152ms) -> rmnet_data0 (40ms)"), std::string::npos);
     EXPECT_NE(all.find("wlan0 (156ms) -> rmnet_data0 (40ms)"), std::string::npos);
     EXPECT_NE(all.find("manual selections: 0, last never"), std::string::npos);
+    EXPECT_NE(all.find("restored after platform restarts: 2, last 61.0 s ago\n  "), std::string::npos) << all;
+    EXPECT_NE(all.find(" the mangle OUTPUT jump and the ip rules of wlan1\n"), std::string::npos);
 }
 
 }  // namespace

@@ -1,0 +1,101 @@
+// The watcher of netd restarts on a scripted property wait and fake hooks,
+// and the real property wait on the host's property file.
+#include "netctl/NetdRestartWatcher.h"
+
+#include <android/log.h>
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <numeric>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+#include "TempPropertyFile.h"
+#include "WatcherFakes.h"
+#include "common/Properties.h"
+
+using namespace probemond;
+using namespace probemond::test;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+TEST(NetdRestartWatcher, ChecksAtOnceThenBacksOffAndANewChangeStartsOver) {
+    ScriptedWatch watch;
+    FakeHooks hooks;
+    NetdRestartWatcher watcher(watch, hooks);
+    const std::vector<int64_t> delays(std::begin(kCheckDelaysMs), std::end(kCheckDelaysMs));
+    watch.script = {"restarting", std::nullopt, std::nullopt, "running"};
+    watch.script.insert(watch.script.end(), delays.size(), std::nullopt);
+    watch.script.push_back("running");
+    const size_t steps = watch.script.size();
+    for (size_t i = 0; i < steps; ++i) watcher.step();
+
+    // Waits: for ever before a change, the first three delays (the second
+    // change ends the third), all of them again, then for ever.
+    std::vector<int64_t> expected{-1, delays[0], delays[1], delays[2]};
+    expected.insert(expected.end(), delays.begin(), delays.end());
+    expected.push_back(-1);
+    EXPECT_EQ(expected, watch.timeouts);
+    EXPECT_GE(std::accumulate(delays.begin(), delays.end(), int64_t{0}), 30000) << "netd may take half a minute";
+    // One check per wake-up, and nothing changed while the jump was there.
+    EXPECT_EQ(Strings(steps, "check"), hooks.calls);
+}
+
+TEST(NetdRestartWatcher, PutsBackWhatIsMissingOnlyWhenTheMangleJumpIs) {
+    ScriptedWatch watch;
+    FakeHooks hooks;
+    NetdRestartWatcher watcher(watch, hooks);
+    LogCapture log;
+    auto checkWith = [&](JumpState output, JumpState postrouting) {
+        hooks.calls.clear();
+        hooks.found = {output, postrouting};
+        watch.script = {"running"};
+        watcher.step();
+        return hooks.calls;
+    };
+    // Not netd's doing, or no answer: left alone.
+    EXPECT_EQ(Strings{"check"}, checkWith(JumpState::kInPlace, JumpState::kMissing));
+    EXPECT_EQ(Strings{"check"}, checkWith(JumpState::kUnknown, JumpState::kMissing));
+    EXPECT_EQ((Strings{"check", "jumps OUTPUT", "rules"}), checkWith(JumpState::kMissing, JumpState::kUnknown));
+    EXPECT_EQ((Strings{"check", "jumps OUTPUT POSTROUTING", "rules"}),
+              checkWith(JumpState::kMissing, JumpState::kMissing));
+
+    const std::string last = "the mangle OUTPUT and nat POSTROUTING jumps and the ip rules of wlan1, rmnet_data0";
+    EXPECT_EQ(1u, log.count("restored " + last + " after a platform restart", ANDROID_LOG_INFO)) << log.dump();
+    EXPECT_EQ(2u, log.countContaining("after a platform restart"));
+    const RestorationHistory h = watcher.restorations();
+    EXPECT_EQ(2u, h.count);
+    EXPECT_EQ(last, h.lastRestored);
+}
+
+// The device's wait over the host's stand-in: only the watched property's
+// changes end it, however the file changes.
+TEST(SystemPropertyWatch, OnlyItsOwnPropertyEndsTheWait) {
+    TempPropertyFile props;
+    props.set("vendor.kest.probemond.rtt_debug", "0");
+    SystemPropertyWatch watch(kZygoteStateProperty);
+    auto soon = [](auto write) {
+        return std::async(std::launch::async, [write] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            write();
+        });
+    };
+    // Absent while another property changes.
+    auto other = soon([&] { props.set("vendor.kest.probemond.rtt_debug", "1"); });
+    EXPECT_EQ(std::nullopt, watch.waitForChange(400));
+    // A line appended, as tests write one; then replaced by rename, as property_set does.
+    auto appended = soon([&] { std::ofstream(props.path(), std::ios::app) << "init.svc.zygote=restarting\n"; });
+    EXPECT_EQ("restarting", watch.waitForChange(10000).value_or("(timed out)"));
+    auto set = soon([&] { props.set(kZygoteStateProperty, "running"); });
+    EXPECT_EQ("running", watch.waitForChange(10000).value_or("(timed out)"));
+    // The same value again, and another property: no change of its own.
+    props.set(kZygoteStateProperty, "running");
+    props.set("vendor.kest.probemond.rtt_debug", "0");
+    EXPECT_EQ(std::nullopt, watch.waitForChange(200));
+}
+
+}  // namespace
