@@ -2,6 +2,7 @@
 // hooks it checks and puts back.
 #pragma once
 
+#include <algorithm>
 #include <deque>
 #include <optional>
 #include <string>
@@ -23,9 +24,11 @@ struct ScriptedWatch : PropertyWatch {
     }
 };
 
-// Answers every check with `found` and records the calls.
+// Answers every check with `found`, refuses the rules named in `refusing`
+// and records the calls.
 struct FakeHooks : SteeringHooks {
     HookCheck found{JumpState::kInPlace, JumpState::kInPlace};
+    std::vector<std::string> refusing;
     std::vector<std::string> calls;
     HookCheck checkHooks() override {
         calls.push_back("check");
@@ -35,10 +38,26 @@ struct FakeHooks : SteeringHooks {
         calls.push_back(std::string("jumps") + (f.outputJump == JumpState::kMissing ? " OUTPUT" : "") +
                         (f.postroutingJump == JumpState::kMissing ? " POSTROUTING" : ""));
     }
-    std::vector<std::string> restoreIpRules() override {
+    IpRuleRestore restoreIpRules() override {
         calls.push_back("rules");
-        return {"wlan1", "rmnet_data0"};
+        return outcome({"wlan1", "rmnet_data0"});
     }
+    IpRuleRestore retryRefusedIpRules() override {
+        calls.push_back("retry");
+        return outcome(pending_);
+    }
+
+private:
+    IpRuleRestore outcome(const std::vector<std::string>& rules) {
+        IpRuleRestore r;
+        for (const std::string& rule : rules) {
+            const bool refused = std::find(refusing.begin(), refusing.end(), rule) != refusing.end();
+            (refused ? r.refused : r.installed).push_back(rule);
+        }
+        pending_ = r.refused;
+        return r;
+    }
+    std::vector<std::string> pending_;
 };
 
 }  // namespace probemond::test
