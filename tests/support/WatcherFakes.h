@@ -40,24 +40,22 @@ struct FakeHooks : SteeringHooks {
     }
     IpRuleRestore restoreIpRules() override {
         calls.push_back("rules");
-        return outcome({"wlan1", "rmnet_data0"});
+        return split({"wlan1", "rmnet_data0"});
     }
     IpRuleRestore retryRefusedIpRules() override {
         calls.push_back("retry");
-        return outcome(pending_);
+        return split(last_.refused);
     }
 
 private:
-    IpRuleRestore outcome(const std::vector<std::string>& rules) {
-        IpRuleRestore r;
-        for (const std::string& rule : rules) {
-            const bool refused = std::find(refusing.begin(), refusing.end(), rule) != refusing.end();
-            (refused ? r.refused : r.installed).push_back(rule);
+    IpRuleRestore split(std::vector<std::string> rules) {
+        last_ = {};
+        for (const std::string& r : rules) {
+            (std::count(refusing.begin(), refusing.end(), r) ? last_.refused : last_.installed).push_back(r);
         }
-        pending_ = r.refused;
-        return r;
+        return last_;
     }
-    std::vector<std::string> pending_;
+    IpRuleRestore last_;
 };
 
 }  // namespace probemond::test
