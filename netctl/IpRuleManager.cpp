@@ -1,7 +1,5 @@
 #include "netctl/IpRuleManager.h"
 
-#include <cstring>
-
 #include "common/Log.h"
 
 namespace probemond {
@@ -24,17 +22,19 @@ int IpRuleManager::addRule(const char* table, const char* fwmark, const char* pr
     // Whatever holds the priority goes first, so the add never duplicates it.
     const CommandRun del = runCommand(executor_, kIp, "rule del prio %s", prio);
     if (!del.started) LOGW("%s Failue to del ip rule or rule not exist: %s", "addIpRule", del.line);
-    StatusRun add{};
-    if (readStatus) {
-        add = runCommandForStatus(executor_, kIp, "rule add fwmark %s/0xffff table %s prio %s", fwmark, table, prio);
-        if (add.status > 0) LOGD("%s exit status %d: %s", "addIpRule", add.status, add.line);
-    } else {
-        const CommandRun run =
+    if (!readStatus) {
+        const CommandRun add =
                 runCommand(executor_, kIp, "rule add fwmark %s/0xffff table %s prio %s", fwmark, table, prio);
-        add.status = run.started ? 0 : kNotStarted;
-        memcpy(add.line, run.line, sizeof(add.line));
+        if (!add.started) LOGE("%s Failue to add ip rule : %s", "addIpRule", add.line);
+        return add.started ? 0 : kNotStarted;
     }
-    if (add.status == kNotStarted) LOGE("%s Failue to add ip rule : %s", "addIpRule", add.line);
+    const StatusRun add =
+            runCommandForStatus(executor_, kIp, "rule add fwmark %s/0xffff table %s prio %s", fwmark, table, prio);
+    if (add.status == kNotStarted) {
+        LOGE("%s Failue to add ip rule : %s", "addIpRule", add.line);
+    } else if (add.status > 0) {
+        LOGD("%s exit status %d: %s", "addIpRule", add.status, add.line);
+    }
     return add.status;
 }
 
