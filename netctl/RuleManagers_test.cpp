@@ -155,9 +155,7 @@ TEST_F(CommandLines, IpRule) {
                                   "/system/bin/ip-wrapper-1.0 -4 rule del prio 30000"}));
     rec_.statuses = {2, kNoExitStatus, kNotStarted, 0};
     LogCapture log;
-    EXPECT_EQ((std::vector<bool>{false, true, false, true}),
-              (std::vector<bool>{ip.addIpRuleAccepted("wlan1", "0xa1", "29600"), ip.addIpRuleAccepted("wlan1", "0xa1", "29600"),
-                                 ip.addIpRuleAccepted("wlan1", "0xa1", "29600"), ip.addIpRuleAccepted("wlan1", "0xa1", "29600")}));
+    for (bool accepted : {false, true, false, true}) EXPECT_EQ(ip.addIpRuleAccepted("wlan1", "0xa1", "29600"), accepted);
     const std::string del = "/system/bin/ip-wrapper-1.0 -4 rule del prio 29600";
     const std::string add = "/system/bin/ip-wrapper-1.0 -4 rule add fwmark 0xa1/0xffff table wlan1 prio 29600";
     EXPECT_EQ(rec_.take(), (Lines{del, add, del, add, del, add, del, add}));
