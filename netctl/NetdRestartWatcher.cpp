@@ -44,9 +44,12 @@ void NetdRestartWatcher::run() {
 }
 
 int64_t NetdRestartWatcher::nextTimeoutMs() const {
-    if (nextDelay_ < kNoCheckDue) return kCheckDelaysMs[nextDelay_];
-    if (!refused_.empty() && waitedMs_ < kRetryForMs) return std::min(kRetryPeriodMs, kRetryForMs - waitedMs_);
-    return -1;
+    const bool retrying = !refused_.empty() && waitedMs_ < kRetryForMs;
+    // A refused rule is tried at least every kRetryPeriodMs, also between the
+    // schedule's later checks: its table's name may come back at any time.
+    const int64_t retryMs = std::min(kRetryPeriodMs, kRetryForMs - waitedMs_);
+    if (nextDelay_ < kNoCheckDue) return retrying ? std::min(kCheckDelaysMs[nextDelay_], retryMs) : kCheckDelaysMs[nextDelay_];
+    return retrying ? retryMs : -1;
 }
 
 void NetdRestartWatcher::step() {

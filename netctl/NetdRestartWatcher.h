@@ -25,8 +25,8 @@ namespace probemond {
 // change starts them over.
 inline constexpr int64_t kCheckDelaysMs[] = {1000, 2000, 4000, 8000, 16000};
 // While a restored policy rule is refused (its table has no name until the
-// framework puts the interface back in a network), the checks go on this
-// far apart until their waits since the change add up to kRetryForMs.
+// framework puts the interface back in a network), the checks come at most
+// this far apart until their waits since the change add up to kRetryForMs.
 inline constexpr int64_t kRetryPeriodMs = 5000;
 inline constexpr int64_t kRetryForMs = 300000;
 
