@@ -154,6 +154,10 @@ std::string formatState(const InterfaceManagerSnapshot& state, const std::vector
     if (restorations.count != 0) {
         out << "  " << wallClock(restorations.lastWallMs) << " " << restorations.lastRestored << "\n";
     }
+    if (!restorations.refused.empty()) {
+        out << "  refused, " << (restorations.retrying ? "trying again" : "given up") << ": the ip rules of "
+            << restorations.refused << "\n";
+    }
     return out.str();
 }
 

@@ -63,6 +63,9 @@ public:
     void addIpRule(const char* table, const char* fwmark, const char* prio) override {
         ipRules_.addIpRule(table, fwmark, prio);
     }
+    bool addIpRuleAccepted(const char* table, const char* fwmark, const char* prio) override {
+        return ipRules_.addIpRuleAccepted(table, fwmark, prio);
+    }
     void delIpRule(const char* prio) override { ipRules_.delIpRule(prio); }
 
 private:
@@ -79,7 +82,8 @@ public:
 
     HookCheck checkHooks() override { return iptables_.checkHooks(); }
     void restoreJumps(const HookCheck& found) override { iptables_.restoreJumps(found); }
-    std::vector<std::string> restoreIpRules() override { return interfaces_.restoreIpRules(); }
+    IpRuleRestore restoreIpRules() override { return interfaces_.restoreIpRules(); }
+    IpRuleRestore retryRefusedIpRules() override { return interfaces_.retryRefusedIpRules(); }
 
 private:
     IptablesRuleManager& iptables_;

@@ -34,6 +34,10 @@ struct Seams : RttProberFactory, Sleeper, AutoSelectNotifier, SteeringControl, T
     void clearAutoChoice() override {}
     void resetSteeredSockets() override {}
     void addIpRule(const char*, const char*, const char*) override { ++steeringCalls; }
+    bool addIpRuleAccepted(const char*, const char*, const char*) override {
+        ++steeringCalls;
+        return true;
+    }
     void delIpRule(const char*) override { ++steeringCalls; }
     int start(std::function<void()>) override { return 0; }  // no engine thread runs
     bool execute(const char* command, const std::function<void(const char*)>&) override {

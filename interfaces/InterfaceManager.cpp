@@ -215,17 +215,24 @@ int32_t InterfaceManager::addInterfaceIpRule(const char* iface) {
         return -1;
     }
     MutexLock lock(ipRulesMutex_);
-    issueIpRule(*info);
-    // A rule added again counts from its latest add.
-    ipRules_.erase(std::remove(ipRules_.begin(), ipRules_.end(), info), ipRules_.end());
-    ipRules_.push_back(info);
+    issueIpRule(*info, false);
+    // A rule added again counts from its latest add, as added.
+    forgetIpRule(info);
+    ipRules_.push_back({info, false});
     return 0;
 }
 
-void InterfaceManager::issueIpRule(const InterfaceInfo& info) {
+bool InterfaceManager::issueIpRule(const InterfaceInfo& info, bool readStatus) {
     // Delete first so that adding twice leaves one rule.
     steering_.delIpRule(info.prio);
+    if (readStatus) return steering_.addIpRuleAccepted(info.name.c_str(), info.fwmark, info.prio);
     steering_.addIpRule(info.name.c_str(), info.fwmark, info.prio);
+    return true;
+}
+
+void InterfaceManager::forgetIpRule(const InterfaceInfo* info) {
+    ipRules_.erase(std::remove_if(ipRules_.begin(), ipRules_.end(), [info](const IpRule& r) { return r.info == info; }),
+                   ipRules_.end());
 }
 
 int32_t InterfaceManager::delInterfaceIpRule(const char* iface) {
@@ -237,18 +244,30 @@ int32_t InterfaceManager::delInterfaceIpRule(const char* iface) {
     }
     MutexLock lock(ipRulesMutex_);
     steering_.delIpRule(info->prio);
-    ipRules_.erase(std::remove(ipRules_.begin(), ipRules_.end(), info), ipRules_.end());
+    forgetIpRule(info);
     return 0;
 }
 
-std::vector<std::string> InterfaceManager::restoreIpRules() {
+IpRuleRestore InterfaceManager::restoreIpRules() {
     MutexLock lock(ipRulesMutex_);
-    std::vector<std::string> names;
-    for (const InterfaceInfo* info : ipRules_) {
-        issueIpRule(*info);
-        names.push_back(info->name);
+    return reissueIpRules(false);
+}
+
+IpRuleRestore InterfaceManager::retryRefusedIpRules() {
+    MutexLock lock(ipRulesMutex_);
+    return reissueIpRules(true);
+}
+
+IpRuleRestore InterfaceManager::reissueIpRules(bool onlyRefused) {
+    IpRuleRestore result;
+    for (IpRule& rule : ipRules_) {
+        // A rule in place is never deleted and added again: that would move
+        // steered packets off their interface meanwhile.
+        if (onlyRefused && !rule.refused) continue;
+        rule.refused = !issueIpRule(*rule.info, true);
+        (rule.refused ? result.refused : result.installed).push_back(rule.info->name);
     }
-    return names;
+    return result;
 }
 
 int32_t InterfaceManager::selectInterface(const char* iface) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/IpRuleRestore.h"
 #include "common/ThreadAnnotations.h"
 #include "interfaces/AutoSelectEngine.h"
 #include "interfaces/InterfaceInfo.h"
@@ -54,8 +55,11 @@ public:
     int32_t delInterfaceIpRule(const char* iface) PM_EXCLUDES(ipRulesMutex_);
     // Adds again, with addInterfaceIpRule's lines and in the order they were
     // added, the rules that no delInterfaceIpRule undid, after something else
-    // removed them; returns their interface names. Never waits for ifaceMutex.
-    std::vector<std::string> restoreIpRules() PM_EXCLUDES(ipRulesMutex_);
+    // removed them. Never waits for ifaceMutex.
+    IpRuleRestore restoreIpRules() PM_EXCLUDES(ipRulesMutex_);
+    // The same for the rules whose add the tool refused at the last restore
+    // or retry, and that the client has neither added nor deleted since.
+    IpRuleRestore retryRefusedIpRules() PM_EXCLUDES(ipRulesMutex_);
     int32_t selectInterface(const char* iface) PM_EXCLUDES(selection_.ifaceMutex);
 
     // Stops a running engine, then starts a new engine thread on the listed
@@ -78,7 +82,14 @@ private:
     // first step until after the last, so one engine runs at a time and
     // manual selection waits until auto-select is off.
     void runAutoSelect(const Candidates& ifaces) PM_EXCLUDES(selection_.ifaceMutex);
-    void issueIpRule(const InterfaceInfo& info) PM_REQUIRES(ipRulesMutex_);
+    struct IpRule {
+        const InterfaceInfo* info;
+        bool refused;  // at its latest restore
+    };
+    // With `readStatus`, whether the tool took the add; else true.
+    bool issueIpRule(const InterfaceInfo& info, bool readStatus) PM_REQUIRES(ipRulesMutex_);
+    void forgetIpRule(const InterfaceInfo* info) PM_REQUIRES(ipRulesMutex_);
+    IpRuleRestore reissueIpRules(bool onlyRefused) PM_REQUIRES(ipRulesMutex_);
 
     RttProberFactory& probers_;
     Sleeper& sleeper_;
@@ -95,7 +106,7 @@ private:
     // Held across the rule commands, so that the list and the kernel change
     // in the same order whatever binder calls run at once.
     Mutex ipRulesMutex_;
-    std::vector<const InterfaceInfo*> ipRules_ PM_GUARDED_BY(ipRulesMutex_);  // oldest add first
+    std::vector<IpRule> ipRules_ PM_GUARDED_BY(ipRulesMutex_);  // oldest add first
 };
 
 }  // namespace probemond

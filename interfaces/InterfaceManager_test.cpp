@@ -133,18 +133,34 @@ TEST(Selection, FirstChangeRepeatAndUnknownNames) {
 }
 
 // A restore repeats add-ip-rule's calls for the rules the client's adds
-// left, in the order of their latest add; it is no add itself.
-TEST(PolicyRules, RestoreRepeatsTheLiveAddsInOrder) {
+// left, in the order of their latest add; it is no add itself. A retry
+// repeats them only for the rules the tool refused, until the client adds
+// or deletes them.
+TEST(PolicyRules, RestoreRepeatsTheLiveAddsInOrderAndRetriesOnlyTheRefused) {
     TempPropertyFile props;
     FakeManager fake;
     for (const char* add : {"wlan0", "rmnet_data0", "wlan1", "rmnet_data3", "wlan0"}) fake.m.addInterfaceIpRule(add);
     for (const char* del : {"wlan1", "rmnet_data5", "rmnet_data3"}) fake.m.delInterfaceIpRule(del);
     fake.recorder.clear();
-    EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules());
+    fake.recorder.refusedTables = {"rmnet_data0"};
+    EXPECT_EQ(Strings{"rmnet_data0"}, fake.m.restoreIpRules().refused);
     EXPECT_EQ((Strings{"delIpRule 29700", "addIpRule rmnet_data0 0xd0 29700", "delIpRule 29500",
                        "addIpRule wlan0 0xa0 29500"}),
               fake.recorder.calls());
-    EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules());
+
+    fake.recorder.clear();
+    fake.recorder.refusedTables.clear();
+    EXPECT_EQ(Strings{"rmnet_data0"}, fake.m.retryRefusedIpRules().installed);
+    EXPECT_EQ(Strings{}, fake.m.retryRefusedIpRules().installed);
+    EXPECT_EQ((Strings{"delIpRule 29700", "addIpRule rmnet_data0 0xd0 29700"}), fake.recorder.calls());
+
+    fake.recorder.refusedTables = {"rmnet_data0", "wlan0"};
+    EXPECT_EQ((Strings{"rmnet_data0", "wlan0"}), fake.m.restoreIpRules().refused);
+    fake.m.addInterfaceIpRule("wlan0");
+    fake.m.delInterfaceIpRule("rmnet_data0");
+    fake.recorder.clear();
+    EXPECT_EQ(Strings{}, fake.m.retryRefusedIpRules().refused);
+    EXPECT_EQ(Strings{}, fake.recorder.calls());
 }
 
 // Binder calls at once: the list ends as the rules do, whichever came last.
@@ -173,7 +189,7 @@ TEST(PolicyRules, ConcurrentAddsAndDeletesLeaveTheListAsTheRules) {
                                        [&](const std::string& c) { return c.find(prio) != std::string::npos; });
         if (last != calls.rend() && last->rfind("addIpRule", 0) == 0) live.push_back(name);
     }
-    Strings listed = fake.m.restoreIpRules();
+    Strings listed = fake.m.restoreIpRules().installed;
     std::sort(listed.begin(), listed.end());
     EXPECT_EQ(live, listed);
 }

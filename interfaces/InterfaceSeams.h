@@ -57,6 +57,8 @@ public:
     virtual void resetSteeredSockets() = 0;
     // The policy rule that sends packets with `fwmark` through `table`.
     virtual void addIpRule(const char* table, const char* fwmark, const char* prio) = 0;
+    // The same lines; false when the tool refused the add.
+    virtual bool addIpRuleAccepted(const char* table, const char* fwmark, const char* prio) = 0;
     virtual void delIpRule(const char* prio) = 0;
 };
 

@@ -12,7 +12,7 @@
 #   lab.sh counters [IFACE]       packets the device sent over IFACE
 #   lab.sh relink IFACE           re-create IFACE after a test deleted it
 #   lab.sh reset                  every interface present, up, and without delay, loss or fault
-#   lab.sh netd-restart [--no-zygote] [PROPERTY_FILE]
+#   lab.sh netd-restart [--no-zygote] [--names-after SECONDS] [PROPERTY_FILE]
 #                                 netd's start as it meets the daemon, then zygote-restart
 #   lab.sh zygote-restart [PROPERTY_FILE]
 #                                 init.svc.zygote through "restarting" to "running" in the
@@ -156,16 +156,32 @@ write_etc() {
     [ -f "$etc.tmp/iproute2/rt_tables" ] || printf '255\tlocal\n254\tmain\n253\tdefault\n0\tunspec\n' >"$etc.tmp/iproute2/rt_tables"
     local names="$etc.tmp/iproute2/rt_tables.d"
     mkdir -p "$names"
-    {
-        echo "# probemond lab: one table per interface"
-        local i
-        for i in "${IFACES[@]}"; do printf '%s\t%s\n' "$(table_id "$i")" "$i"; done
-    } >"$names/probemond.conf"
+    table_names >"$names/probemond.conf"
     chown -R "root:${LAB_ANDROID_ID[shell]}" "$names" && chmod -R u=rwX,g=rX,o= "$names" || return 1
     # No DNS in the lab: names fail at once instead of waiting for a server.
     printf 'nameserver 127.0.0.1\noptions timeout:1 attempts:1\n' >"$etc.tmp/resolv.conf"
     rm -rf "$etc"
     mv "$etc.tmp" "$etc"
+}
+
+# The routing table names, one per interface; with "none" the file names no
+# interface, as netd's rt_tables right after its start.
+table_names() {
+    echo "# probemond lab: one table per interface"
+    [ "${1:-}" = none ] && return 0
+    local i
+    for i in "${IFACES[@]}"; do printf '%s\t%s\n' "$(table_id "$i")" "$i"; done
+}
+NAMES_FILE="/etc/netns/$DEV/iproute2/rt_tables.d/probemond.conf"
+
+# [none]: the names replaced by a rename (ip never reads half a file), the
+# file's owner and mode kept.
+write_table_names() {
+    local tmp="$NAMES_FILE.lab.$$"
+    table_names "${1:-}" >"$tmp" && chmod --reference="$NAMES_FILE" "$tmp" &&
+        chown --reference="$NAMES_FILE" "$tmp" && mv -f "$tmp" "$NAMES_FILE" && return 0
+    rm -f "$tmp"
+    return 1
 }
 
 sysctls() {  # NS then key=value pairs
@@ -484,12 +500,30 @@ cmd_zygote_restart() {
 # the main and default lookups and each interface's routes. netd starts
 # again whenever zygote does, so zygote's state moves after it
 # (zygote-restart), unless --no-zygote: a netd restart nothing tells of.
+# --names-after SECONDS: netd's start also rewrites its table names with
+# none, and the framework names each interface again as it puts it back in
+# a network, seconds later: the names go and come back after SECONDS, in the
+# background.
 cmd_netd_restart() {
-    local zygote=1 file="" prio i
-    [ "${1:-}" = "--no-zygote" ] && { zygote=0; shift; }
+    local zygote=1 names_after="" file="" prio i
+    while [ $# -gt 0 ]; do
+        case "$1" in
+            --no-zygote) zygote=0; shift ;;
+            --names-after)
+                [[ "${2:-}" =~ ^[0-9]+$ ]] || die "netd-restart: --names-after takes whole seconds"
+                names_after="$2"; shift 2 ;;
+            -*) die "netd-restart: unknown option '$1'" ;;
+            *) break ;;
+        esac
+    done
     require_root
     [ -d "$STATE/ctl" ] || die "lab $NAME is not up"
     if [ $zygote -eq 1 ]; then file="$(property_file "${1:-}")" || exit 1; fi
+    if [ -n "$names_after" ]; then
+        write_table_names none || die "cannot take the table names away"
+        # A lab taken down meanwhile has no names to put back.
+        (sleep "$names_after"; [ -f "$NAMES_FILE" ] && write_table_names) </dev/null >/dev/null 2>&1 &
+    fi
     ip netns exec "$DEV" env XTABLES_LOCKFILE="$STATE/xtables.lock" sh -c \
         'iptables-legacy -w -t mangle -F OUTPUT && iptables-legacy -w -t nat -F POSTROUTING' ||
         die "cannot flush OUTPUT and POSTROUTING"
@@ -520,10 +554,12 @@ usage: lab.sh COMMAND [ARGS]   (lab "$NAME"; set PROBEMOND_LAB for another)
   counters [IFACE]         packets received from IFACE on the internet side
   relink IFACE             re-create IFACE (and its peer) as "up" made it
   reset                    every interface present and up, no delay, loss or fault
-  netd-restart [--no-zygote] [PROPERTY_FILE]
+  netd-restart [--no-zygote] [--names-after SECONDS] [PROPERTY_FILE]
                            what netd's start does here: mangle OUTPUT, nat POSTROUTING
                            and every ip rule but priority 0's flushed, the lab's own
-                           rules and routes put back; then zygote-restart
+                           rules and routes put back; then zygote-restart. With
+                           --names-after, the routing table names are gone too and
+                           come back SECONDS later, in the background
   zygote-restart [PROPERTY_FILE]
                            init.svc.zygote to "restarting", a second later "running",
                            in PROPERTY_FILE (default: \$PROBEMOND_PROPERTY_FILE, the

@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <iterator>
 
 #include "common/Log.h"
@@ -42,14 +43,25 @@ void NetdRestartWatcher::run() {
     for (;;) step();
 }
 
+int64_t NetdRestartWatcher::nextTimeoutMs() const {
+    const bool retrying = !refused_.empty() && waitedMs_ < kRetryForMs;
+    // A refused rule is tried at least every kRetryPeriodMs, also between the
+    // schedule's later checks: its table's name may come back at any time.
+    const int64_t retryMs = std::min(kRetryPeriodMs, kRetryForMs - waitedMs_);
+    if (nextDelay_ < kNoCheckDue) return retrying ? std::min(kCheckDelaysMs[nextDelay_], retryMs) : kCheckDelaysMs[nextDelay_];
+    return retrying ? retryMs : -1;
+}
+
 void NetdRestartWatcher::step() {
-    const int64_t timeoutMs = nextDelay_ < kNoCheckDue ? kCheckDelaysMs[nextDelay_] : -1;
+    const int64_t timeoutMs = nextTimeoutMs();
     const std::optional<std::string> state = zygoteState_.waitForChange(timeoutMs);
     if (state) {
         LOGD("%s %s is now '%s'", "NetdRestartWatcher", kZygoteStateProperty, state->c_str());
         nextDelay_ = 0;
-    } else {
-        ++nextDelay_;
+        waitedMs_ = 0;
+    } else if (timeoutMs >= 0) {
+        if (nextDelay_ < kNoCheckDue) ++nextDelay_;
+        waitedMs_ += timeoutMs;
     }
     check();
 }
@@ -59,13 +71,43 @@ void NetdRestartWatcher::check() {
     LOGD("%s mangle OUTPUT jump %s, nat POSTROUTING jump %s", "NetdRestartWatcher", stateText(found.outputJump),
          stateText(found.postroutingJump));
     // Without the mangle jump nothing is steered: netd has started since.
-    if (found.outputJump != JumpState::kMissing) return;
+    if (found.outputJump == JumpState::kMissing) {
+        restore(found);
+    } else if (!refused_.empty()) {
+        retryRefusedRules();
+    } else {
+        return;
+    }
+    if (!refused_.empty() && waitedMs_ >= kRetryForMs) {
+        LOGE("stopped trying the ip rules of %s %lld s after a platform restart: their tables are not named; "
+             "add-ip-rule adds them again",
+             joined(refused_).c_str(), static_cast<long long>(waitedMs_ / 1000));
+        refused_.clear();
+        recordRefused(true);
+    }
+}
+
+void NetdRestartWatcher::restore(const HookCheck& found) {
     hooks_.restoreJumps(found);
-    const std::vector<std::string> rules = hooks_.restoreIpRules();
+    const IpRuleRestore rules = hooks_.restoreIpRules();
+    refused_ = rules.refused;
     std::string restored = found.postroutingJump == JumpState::kMissing
                                    ? "the mangle OUTPUT and nat POSTROUTING jumps"
                                    : "the mangle OUTPUT jump";
-    restored += rules.empty() ? " and no ip rule" : " and the ip rules of " + joined(rules);
+    restored += rules.installed.empty() ? " and no ip rule" : " and the ip rules of " + joined(rules.installed);
+    if (!refused_.empty()) restored += " (refused for now: " + joined(refused_) + ")";
+    LOGI("restored %s after a platform restart", restored.c_str());
+    recordRestoration(std::move(restored));
+}
+
+void NetdRestartWatcher::retryRefusedRules() {
+    const IpRuleRestore rules = hooks_.retryRefusedIpRules();
+    refused_ = rules.refused;
+    if (rules.installed.empty()) {
+        recordRefused(false);  // the client may have added or deleted some
+        return;
+    }
+    std::string restored = "the ip rules of " + joined(rules.installed) + " (refused at first)";
     LOGI("restored %s after a platform restart", restored.c_str());
     recordRestoration(std::move(restored));
 }
@@ -77,7 +119,16 @@ void NetdRestartWatcher::recordRestoration(std::string restored) {
     ++history_.count;
     history_.lastWallMs = wall;
     history_.lastRestored = std::move(restored);
+    history_.refused = joined(refused_);
+    history_.retrying = !refused_.empty();
     lastMonotonicMs_ = now;
+}
+
+void NetdRestartWatcher::recordRefused(bool givenUp) {
+    MutexLock g(lock_);
+    // What was given up stays named.
+    if (!givenUp) history_.refused = joined(refused_);
+    history_.retrying = !givenUp && !refused_.empty();
 }
 
 RestorationHistory NetdRestartWatcher::restorations() const {

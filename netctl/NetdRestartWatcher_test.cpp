@@ -4,6 +4,7 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <future>
@@ -23,33 +24,10 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
-TEST(NetdRestartWatcher, ChecksAtOnceThenBacksOffAndANewChangeStartsOver) {
-    ScriptedWatch watch;
-    FakeHooks hooks;
-    NetdRestartWatcher watcher(watch, hooks);
-    const std::vector<int64_t> delays(std::begin(kCheckDelaysMs), std::end(kCheckDelaysMs));
-    watch.script = {"restarting", std::nullopt, std::nullopt, "running"};
-    watch.script.insert(watch.script.end(), delays.size(), std::nullopt);
-    watch.script.push_back("running");
-    const size_t steps = watch.script.size();
-    for (size_t i = 0; i < steps; ++i) watcher.step();
-
-    // Waits: for ever before a change, the first three delays (the second
-    // change ends the third), all of them again, then for ever.
-    std::vector<int64_t> expected{-1, delays[0], delays[1], delays[2]};
-    expected.insert(expected.end(), delays.begin(), delays.end());
-    expected.push_back(-1);
-    EXPECT_EQ(expected, watch.timeouts);
-    EXPECT_GE(std::accumulate(delays.begin(), delays.end(), int64_t{0}), 30000) << "netd may take half a minute";
-    // One check per wake-up, and nothing changed while the jump was there.
-    EXPECT_EQ(Strings(steps, "check"), hooks.calls);
-}
-
 TEST(NetdRestartWatcher, PutsBackWhatIsMissingOnlyWhenTheMangleJumpIs) {
     ScriptedWatch watch;
     FakeHooks hooks;
     NetdRestartWatcher watcher(watch, hooks);
-    LogCapture log;
     auto checkWith = [&](JumpState output, JumpState postrouting) {
         hooks.calls.clear();
         hooks.found = {output, postrouting};
@@ -63,13 +41,76 @@ TEST(NetdRestartWatcher, PutsBackWhatIsMissingOnlyWhenTheMangleJumpIs) {
     EXPECT_EQ((Strings{"check", "jumps OUTPUT", "rules"}), checkWith(JumpState::kMissing, JumpState::kUnknown));
     EXPECT_EQ((Strings{"check", "jumps OUTPUT POSTROUTING", "rules"}),
               checkWith(JumpState::kMissing, JumpState::kMissing));
+    EXPECT_EQ("the mangle OUTPUT and nat POSTROUTING jumps and the ip rules of wlan1, rmnet_data0",
+              watcher.restorations().lastRestored);
+}
 
-    const std::string last = "the mangle OUTPUT and nat POSTROUTING jumps and the ip rules of wlan1, rmnet_data0";
-    EXPECT_EQ(1u, log.count("restored " + last + " after a platform restart", ANDROID_LOG_INFO)) << log.dump();
-    EXPECT_EQ(2u, log.countContaining("after a platform restart"));
+// With nothing refused: a check at once after a change, then backing off
+// over half a minute, then a wait for the next change alone.
+TEST(NetdRestartWatcher, ChecksFollowTheScheduleThenWaitForAChange) {
+    ScriptedWatch watch;
+    FakeHooks hooks;
+    NetdRestartWatcher watcher(watch, hooks);
+    hooks.found = {JumpState::kInPlace, JumpState::kInPlace};
+    watch.script = {"running"};
+    do {
+        watcher.step();
+        watch.script = {std::nullopt};
+    } while (watch.timeouts.back() != -1 || watch.timeouts.size() == 1);
+    std::vector<int64_t> expected{-1};
+    expected.insert(expected.end(), std::begin(kCheckDelaysMs), std::end(kCheckDelaysMs));
+    expected.push_back(-1);
+    EXPECT_EQ(expected, watch.timeouts);
+    EXPECT_GE(std::accumulate(std::begin(kCheckDelaysMs), std::end(kCheckDelaysMs), int64_t{0}), 30000)
+            << "netd may take half a minute";
+}
+
+// A new change starts the checks over. A rule the tool refused is tried again, alone, at every check, and is
+// a restoration of its own once in place; the checks go on while one is
+// refused, until the waits since the latest change reach the bound; then the
+// watcher names what is left and waits for a change alone.
+TEST(NetdRestartWatcher, TriesRefusedRulesAgainUntilInPlaceOrTheBound) {
+    ScriptedWatch watch;
+    FakeHooks hooks;
+    NetdRestartWatcher watcher(watch, hooks);
+    LogCapture log;
+    hooks.found = {JumpState::kMissing, JumpState::kMissing};
+    hooks.refusing = {"wlan1", "rmnet_data0"};
+    watch.script = {"restarting", std::nullopt, "running"};
+    for (int i = 0; i < 3; ++i) {
+        watcher.step();
+        hooks.found = {JumpState::kInPlace, JumpState::kInPlace};
+        hooks.refusing = {"wlan1"};
+    }
+    const size_t fromRunning = watch.timeouts.size();
+    do {
+        watch.script = {std::nullopt};
+        watcher.step();
+    } while (watch.timeouts.back() != -1 && watch.timeouts.size() < 1000);
+    const std::vector<int64_t> waits(watch.timeouts.begin() + fromRunning, watch.timeouts.end() - 1);
+    EXPECT_EQ((std::vector<int64_t>{-1, kCheckDelaysMs[0]}), (std::vector<int64_t>{watch.timeouts[0], watch.timeouts[1]}));
+    EXPECT_EQ(kRetryForMs, std::accumulate(waits.begin(), waits.end(), int64_t{0}));
+    // A name may come back at any time: never a longer wait while a rule is refused.
+    EXPECT_GE(kRetryPeriodMs, *std::max_element(waits.begin(), waits.end()));
+
+    Strings expected{"check", "jumps OUTPUT POSTROUTING", "rules"};
+    for (size_t i = 0; i < waits.size() + 2; ++i) expected.insert(expected.end(), {"check", "retry"});
+    expected.push_back("check");  // the scripted wake-up from the endless wait
+    EXPECT_EQ(expected, hooks.calls);
+    Strings said;  // at info priority and above
+    for (const LogLine& l : log.lines()) {
+        if (l.priority >= ANDROID_LOG_INFO) said.push_back(std::to_string(l.priority) + " " + l.text);
+    }
+    EXPECT_EQ((Strings{"4 restored the mangle OUTPUT and nat POSTROUTING jumps and no ip rule (refused for now: "
+                       "wlan1, rmnet_data0) after a platform restart",
+                       "4 restored the ip rules of rmnet_data0 (refused at first) after a platform restart",
+                       "6 stopped trying the ip rules of wlan1 300 s after a platform restart: their tables are not "
+                       "named; add-ip-rule adds them again"}),
+              said);
     const RestorationHistory h = watcher.restorations();
     EXPECT_EQ(2u, h.count);
-    EXPECT_EQ(last, h.lastRestored);
+    EXPECT_EQ("wlan1", h.refused);
+    EXPECT_FALSE(h.retrying);
 }
 
 // The device's wait over the host's stand-in: only the watched property's

@@ -143,6 +143,8 @@ TEST_F(CommandLines, HookCheckAndRestore) {
     EXPECT_EQ(found[2].postroutingJump, JumpState::kUnknown);
 }
 
+// addIpRuleAccepted runs addIpRule's lines and reads the add's status alone:
+// refused (1 to 255) or not started is false, a signal true.
 TEST_F(CommandLines, IpRule) {
     IpRuleManager ip(rec_);
     rec_.take();
@@ -151,6 +153,13 @@ TEST_F(CommandLines, IpRule) {
     EXPECT_EQ(rec_.take(), (Lines{"/system/bin/ip-wrapper-1.0 -4 rule del prio 30000",
                                   "/system/bin/ip-wrapper-1.0 -4 rule add fwmark 0xd3/0xffff table rmnet_data3 prio 30000",
                                   "/system/bin/ip-wrapper-1.0 -4 rule del prio 30000"}));
+    rec_.statuses = {2, kNoExitStatus, kNotStarted, 0};
+    LogCapture log;
+    for (bool accepted : {false, true, false, true}) EXPECT_EQ(ip.addIpRuleAccepted("wlan1", "0xa1", "29600"), accepted);
+    const std::string del = "/system/bin/ip-wrapper-1.0 -4 rule del prio 29600";
+    const std::string add = "/system/bin/ip-wrapper-1.0 -4 rule add fwmark 0xa1/0xffff table wlan1 prio 29600";
+    EXPECT_EQ(rec_.take(), (Lines{del, add, del, add, del, add, del, add}));
+    EXPECT_EQ(log.count("addIpRule Failue to add ip rule : " + add, ANDROID_LOG_ERROR), 1u) << log.dump();
 }
 
 TEST_F(RuleManagers, CommandsNotStartedAreLoggedAndTheSequenceGoesOnInBothManagers) {

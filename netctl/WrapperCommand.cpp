@@ -77,12 +77,19 @@ bool runWrapperCommand(CommandExecutor& executor, const char* command, const cha
     return started;
 }
 
+StatusRun runCommandForStatus(CommandExecutor& executor, const WrapperTool& tool, const char* argsFormat, ...) {
+    StatusRun run{};
+    va_list args;
+    va_start(args, argsFormat);
+    vformatBounded(run.line, sizeof(run.line), tool.prefix, argsFormat, args);
+    va_end(args);
+    run.status = executor.executeForStatus(run.line, logOutput);
+    if (run.status == kNotStarted) LOGE(tool.failureFormat, run.line);
+    return run;
+}
+
 int runCheck(CommandExecutor& executor, const WrapperTool& tool, const char* args) {
-    char line[kCommandSize];
-    formatBounded(line, sizeof(line), "%s%s", tool.prefix, args);
-    const int status = executor.executeForStatus(line, logOutput);
-    if (status == kNotStarted) LOGE(tool.failureFormat, line);
-    return status;
+    return runCommandForStatus(executor, tool, "%s", args).status;
 }
 
 }  // namespace probemond

@@ -57,9 +57,19 @@ CommandRun runCommand(CommandExecutor& executor, const WrapperTool& tool, const 
 // True when the command was started, whatever it printed or returned.
 bool runWrapperCommand(CommandExecutor& executor, const char* command, const char* failureFormat);
 
+// A command line whose exit status the caller acts on, as it was run.
+struct StatusRun {
+    int status;  // what executeForStatus returned
+    char line[kCommandSize];
+};
+
+// runCommand for such a line: output and a line that cannot be started are
+// logged as for any line.
+StatusRun runCommandForStatus(CommandExecutor& executor, const WrapperTool& tool, const char* argsFormat, ...)
+        __attribute__((format(printf, 3, 4)));
+
 // Runs `tool`'s prefix followed by `args`, a line that asks the tool a
-// question (iptables -C), and returns what executeForStatus does. Output and
-// a line that cannot be started are logged as for any line.
+// question (iptables -C), and returns what executeForStatus does.
 int runCheck(CommandExecutor& executor, const WrapperTool& tool, const char* args);
 
 }  // namespace probemond

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -110,7 +111,14 @@ public:
     void addIpRule(const char* table, const char* mark, const char* prio) override {
         add(std::string("addIpRule ") + table + " " + mark + " " + prio);
     }
+    // Recorded as addIpRule: the lines are the same.
+    bool addIpRuleAccepted(const char* table, const char* mark, const char* prio) override {
+        addIpRule(table, mark, prio);
+        std::lock_guard<std::mutex> g(lock_);
+        return refusedTables.count(table) == 0;
+    }
     void delIpRule(const char* prio) override { add(std::string("delIpRule ") + prio); }
+    std::set<std::string> refusedTables;  // guarded by lock_ once threads run
 
     Strings calls() {
         std::lock_guard<std::mutex> g(lock_);

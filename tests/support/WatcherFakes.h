@@ -2,6 +2,7 @@
 // hooks it checks and puts back.
 #pragma once
 
+#include <algorithm>
 #include <deque>
 #include <optional>
 #include <string>
@@ -23,9 +24,11 @@ struct ScriptedWatch : PropertyWatch {
     }
 };
 
-// Answers every check with `found` and records the calls.
+// Answers every check with `found`, refuses the rules named in `refusing`
+// and records the calls.
 struct FakeHooks : SteeringHooks {
     HookCheck found{JumpState::kInPlace, JumpState::kInPlace};
+    std::vector<std::string> refusing;
     std::vector<std::string> calls;
     HookCheck checkHooks() override {
         calls.push_back("check");
@@ -35,10 +38,24 @@ struct FakeHooks : SteeringHooks {
         calls.push_back(std::string("jumps") + (f.outputJump == JumpState::kMissing ? " OUTPUT" : "") +
                         (f.postroutingJump == JumpState::kMissing ? " POSTROUTING" : ""));
     }
-    std::vector<std::string> restoreIpRules() override {
+    IpRuleRestore restoreIpRules() override {
         calls.push_back("rules");
-        return {"wlan1", "rmnet_data0"};
+        return split({"wlan1", "rmnet_data0"});
     }
+    IpRuleRestore retryRefusedIpRules() override {
+        calls.push_back("retry");
+        return split(last_.refused);
+    }
+
+private:
+    IpRuleRestore split(std::vector<std::string> rules) {
+        last_ = {};
+        for (const std::string& r : rules) {
+            (std::count(refusing.begin(), refusing.end(), r) ? last_.refused : last_.installed).push_back(r);
+        }
+        return last_;
+    }
+    IpRuleRestore last_;
 };
 
 }  // namespace probemond::test
