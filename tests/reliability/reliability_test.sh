@@ -2,7 +2,7 @@
 # Reliability: build/bin/probemond as a process in the lab's device namespace
 # under load, under faults of what surrounds it, and against hostile clients.
 # One case per run: reliability_test.sh CASE (through lab.sh exec). Lines
-# starting "FIGURE:" are the numbers the README quotes.
+# starting "FIGURE:" are the numbers doc/testing.md quotes.
 . "$(dirname "${BASH_SOURCE[0]}")/../support/lab_case.sh"
 
 readonly UID_APP=10123
