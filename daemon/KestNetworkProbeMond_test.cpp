@@ -18,7 +18,7 @@
 #include "RecordingCommandExecutor.h"
 #include "TempPropertyFile.h"
 #include "WatcherFakes.h"
-#include "tests/interfaces/InterfaceFakes.h"
+#include "InterfaceFakes.h"
 
 using namespace probemond;
 using namespace probemond::test;

@@ -15,43 +15,17 @@
 #include "interfaces/AutoSelectEngine.h"
 #include "interfaces/InterfaceManager.h"
 #include "netctl/IptablesRuleManager.h"
+#include "tests/support/InterfaceFakes.h"
+#include "tests/support/RecordingCommandExecutor.h"
 
 using namespace probemond;
 
 namespace {
 
-struct Seams : RttProberFactory, Sleeper, AutoSelectNotifier, SteeringControl, ThreadLauncher,
-               CommandExecutor, SocketKiller {
-    std::vector<std::string> commands;
-    size_t steeringCalls = 0;
-
-    std::unique_ptr<RttProber> create(const InterfaceInfo&) override { return nullptr; }
-    void sleepUs(uint32_t) override {}
-    void notify(const std::string&) override {}
-    void prepareInterface(const char*, const char*, InterfaceKind) override {}
-    void steerToUserChoice(const char*, InterfaceKind, bool) override {}
-    void steerToAutoChoice(const char*) override {}
-    void clearAutoChoice() override {}
-    void resetSteeredSockets() override {}
-    void addIpRule(const char*, const char*, const char*) override { ++steeringCalls; }
-    bool addIpRuleAccepted(const char*, const char*, const char*) override {
-        ++steeringCalls;
-        return true;
-    }
-    void delIpRule(const char*) override { ++steeringCalls; }
-    int start(std::function<void()>) override { return 0; }  // no engine thread runs
-    bool execute(const char* command, const std::function<void(const char*)>&) override {
-        commands.emplace_back(command);
-        return true;
-    }
-    int executeForStatus(const char* command, const std::function<void(const char*)>&) override {
-        commands.emplace_back(command);
-        return 0;
-    }
-    int32_t killUidSockets(const char*) override { return 0; }
-};
-
-Seams* gSeams;
+// The suite's seam fakes: no engine thread or worker runs, and nothing
+// here sleeps.
+probemond::test::FakeManager* gFake;
+probemond::test::RecordingCommandExecutor* gCommands;
 InterfaceManager* gManager;
 AutoSelectEngine* gEngine;
 Selection* gSelection;
@@ -76,13 +50,13 @@ void checkRtt(const std::string& name) {
 }
 
 void checkControls(const std::string& name) {
-    gSeams->steeringCalls = 0;
+    gFake->recorder.clear();
     const int32_t started = gManager->startPingThread(name.c_str());
     const int32_t stopped = gManager->stopPingThread(name.c_str());
     gManager->addInterfaceIpRule(name.c_str());
     gManager->delInterfaceIpRule(name.c_str());
     FUZZ_CHECK(started == (known(name) ? 0 : -1) && stopped == started);
-    FUZZ_CHECK(gSeams->steeringCalls == (known(name) ? 3u : 0u));
+    FUZZ_CHECK(gFake->recorder.calls().size() == (known(name) ? 3u : 0u));
 }
 
 // Each record once, in the order a walk meets it.
@@ -114,10 +88,10 @@ void checkCandidates(const std::string& text) {
 }
 
 void checkUid(const std::string& text) {
-    gSeams->commands.clear();
+    gCommands->take();
     gIptables->addUid(text.c_str());
     gIptables->delUid(text.c_str());
-    if (gSeams->commands.empty()) return;
+    if (gCommands->take().empty()) return;
     // Taken: the text reads back as the same UID whoever parses it.
     char* end = nullptr;
     const unsigned long long uid = strtoull(text.c_str(), &end, 10);
@@ -129,11 +103,12 @@ void checkUid(const std::string& text) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     probemond::fuzz::quietLogs();
-    gSeams = new Seams();
-    gManager = new InterfaceManager(*gSeams, *gSeams, *gSeams, *gSeams, *gSeams);
+    gFake = new probemond::test::FakeManager();
+    gManager = &gFake->m;
     gSelection = new Selection();
-    gEngine = new AutoSelectEngine(gManager->interfaces(), *gSeams, *gSeams);
-    gIptables = new IptablesRuleManager(*gSeams, *gSeams);
+    gEngine = new AutoSelectEngine(gManager->interfaces(), gFake->recorder, gFake->recorder);
+    gCommands = new probemond::test::RecordingCommandExecutor();
+    gIptables = new IptablesRuleManager(*gCommands, *gCommands);
     __android_log_set_logger(keepLine);
     return 0;
 }
@@ -150,5 +125,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 3: checkUid(text); break;
     }
     gLines.clear();
+    gFake->recorder.clear();
     return 0;
 }

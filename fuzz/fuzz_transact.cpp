@@ -3,48 +3,24 @@
 // about the stub: which method ran, with what, and what went back.
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <binder/IBinder.h>
 #include <binder/Parcel.h>
 
 #include "daemon/IKestNetworkProbeMon.h"
 #include "fuzz/FuzzCommon.h"
+#include "tests/support/RecordingService.h"
 
 using namespace android;
 
 namespace {
 
-class RecordingService : public BnKestNetworkProbeMon {
-public:
-    int calls = 0;
-    uint32_t lastCode = 0;
-    std::string lastArg;
+// The suite's recording service, reporting `rtt` for an rtt call.
+struct Service : probemond::test::RecordingService {
     int32_t rtt = 0;
-
-    int32_t startPingInternal(std::string a) override { return note(START_PING, a); }
-    int32_t stopPingInternal(std::string a) override { return note(STOP_PING, a); }
-    int32_t stopAllPingInternal() override { return note(STOP_ALL_PING, {}); }
-    int32_t suspendAllPingInternal() override { return note(SUSPEND_ALL_PING, {}); }
-    int32_t resumeAllPingInternal() override { return note(RESUME_ALL_PING, {}); }
-    int32_t getRttInternal(std::string a) override {
-        note(GET_RTT, a);
-        return rtt;
-    }
-    int32_t addUidInternal(std::string a) override { return note(ADD_UID, a); }
-    int32_t delUidInternal(std::string a) override { return note(DEL_UID, a); }
-    int32_t addIpRuleInternal(std::string a) override { return note(ADD_IP_RULE, a); }
-    int32_t delIpRuleInternal(std::string a) override { return note(DEL_IP_RULE, a); }
-    int32_t selectInterfaceInternal(std::string a) override { return note(SELECT_INTERFACE, a); }
-    int32_t enableAutoSelectInternal(std::string a) override { return note(ENABLE_AUTO_SELECT, a); }
-    int32_t disableAutoSelectInternal() override { return note(DISABLE_AUTO_SELECT, {}); }
-
-private:
-    // Nonzero so a stub that forwarded these results would be caught.
-    int32_t note(uint32_t code, const std::string& arg) {
-        calls++;
-        lastCode = code;
-        lastArg = arg;
-        return 0x5a5a;
+    int32_t result(int code, const std::string& arg) override {
+        return code == IKestNetworkProbeMon::GET_RTT ? rtt : RecordingService::result(code, arg);
     }
 };
 
@@ -80,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t flags = data[1] & IBinder::FLAG_ONEWAY;
     const bool withReply = (data[1] & 2) == 0;
 
-    sp<RecordingService> service = new RecordingService();
+    sp<Service> service = new Service();
     service->rtt = static_cast<int32_t>(data[1] >> 2) - 1;
     Parcel parcel;
     FUZZ_CHECK(parcel.setData(data + used, size - used) == OK);
@@ -88,31 +64,34 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const status_t status = service->transact(code, parcel, withReply ? &reply : nullptr, flags);
 
     const bool ours = code >= IKestNetworkProbeMon::START_PING && code <= IKestNetworkProbeMon::DISABLE_AUTO_SELECT;
+    const std::vector<probemond::test::RecordingService::Call> calls = service->calls();
     if (!ours) {
-        FUZZ_CHECK(service->calls == 0);
+        FUZZ_CHECK(calls.empty());
         return 0;
     }
     if (status != OK) {
         // Only a missing argument refuses a call, and then nothing ran.
         FUZZ_CHECK(status == BAD_VALUE && IKestNetworkProbeMon::takesArgument(code));
-        FUZZ_CHECK(service->calls == 0);
+        FUZZ_CHECK(calls.empty());
         FUZZ_CHECK(reply.dataSize() == 0);
         return 0;
     }
-    FUZZ_CHECK(service->calls == 1);
-    FUZZ_CHECK(service->lastCode == code);
-    if (!IKestNetworkProbeMon::takesArgument(code)) FUZZ_CHECK(service->lastArg.empty());
+    FUZZ_CHECK(calls.size() == 1);
+    const auto& [calledCode, arg] = calls[0];
+    FUZZ_CHECK(static_cast<uint32_t>(calledCode) == code);
+    if (!IKestNetworkProbeMon::takesArgument(code)) FUZZ_CHECK(arg.empty());
     // The argument is a C string taken from the parcel: it fits in it, no NUL inside.
-    FUZZ_CHECK(service->lastArg.size() < size);
-    FUZZ_CHECK(memchr(service->lastArg.data(), 0, service->lastArg.size()) == nullptr);
-    if (!service->lastArg.empty()) {
+    FUZZ_CHECK(arg.size() < size);
+    FUZZ_CHECK(memchr(arg.data(), 0, arg.size()) == nullptr);
+    if (!arg.empty()) {
         const std::string body(reinterpret_cast<const char*>(data + used), size - used);
-        FUZZ_CHECK(body.find(service->lastArg) != std::string::npos);
+        FUZZ_CHECK(body.find(arg) != std::string::npos);
     }
     if (withReply) {
         FUZZ_CHECK(reply.dataSize() == sizeof(int32_t));
         reply.setDataPosition(0);
         const int32_t result = reply.readInt32();
+        // Only the rtt's result goes back; the others' (non-zero) results are dropped.
         FUZZ_CHECK(result == (code == IKestNetworkProbeMon::GET_RTT ? service->rtt : 0));
     }
     return 0;

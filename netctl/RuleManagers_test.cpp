@@ -24,6 +24,10 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
+// Lines as the shell receives them.
+std::string ipt(const std::string& rest) { return "/system/bin/iptables-wrapper-1.0 -w -t " + rest; }
+std::string ipRule(const std::string& rest) { return "/system/bin/ip-wrapper-1.0 -4 rule " + rest; }
+
 class RuleManagers : public ::testing::Test {
 protected:
     RecordingCommandExecutor rec_;
@@ -32,28 +36,21 @@ protected:
 using CommandLines = RuleManagers;
 
 TEST_F(CommandLines, StartUpTree) {
-    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -N kest_probemon_uid",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_uid",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -I OUTPUT -j kest_probemon_uid",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -N kest_probemon_iface",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -N kest_probemon_iface_rmnet",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_rmnet",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -I kest_probemon_iface -j kest_probemon_iface_rmnet",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -N kest_probemon_iface_auto",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_auto",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kest_probemon_iface -j kest_probemon_iface_auto",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -N kest_probemon_iface_wlan",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_wlan",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kest_probemon_iface -j kest_probemon_iface_wlan",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -N kest_probemon_snat",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -F kest_probemon_snat",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -A POSTROUTING -j kest_probemon_snat",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -N kest_masquerade",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -F kest_masquerade"}));
+    EXPECT_EQ(rec_.take(), (Lines{ipt("mangle -N kest_probemon_uid"), ipt("mangle -F kest_probemon_uid"),
+                                  ipt("mangle -I OUTPUT -j kest_probemon_uid"),
+                                  ipt("mangle -N kest_probemon_iface"), ipt("mangle -F kest_probemon_iface"),
+                                  ipt("mangle -N kest_probemon_iface_rmnet"), ipt("mangle -F kest_probemon_iface_rmnet"),
+                                  ipt("mangle -I kest_probemon_iface -j kest_probemon_iface_rmnet"),
+                                  ipt("mangle -N kest_probemon_iface_auto"), ipt("mangle -F kest_probemon_iface_auto"),
+                                  ipt("mangle -A kest_probemon_iface -j kest_probemon_iface_auto"),
+                                  ipt("mangle -N kest_probemon_iface_wlan"), ipt("mangle -F kest_probemon_iface_wlan"),
+                                  ipt("mangle -A kest_probemon_iface -j kest_probemon_iface_wlan"),
+                                  ipt("nat -N kest_probemon_snat"), ipt("nat -F kest_probemon_snat"),
+                                  ipt("nat -A POSTROUTING -j kest_probemon_snat"),
+                                  ipt("nat -N kest_masquerade"), ipt("nat -F kest_masquerade")}));
 }
 
-// Which interface gets which mark is the registry's (Registry.EveryInterfaceRow);
+// Which interface gets which mark is the registry's (Registry.EveryRowReachesItsUses);
 // here, that a Wi-Fi chain returns and a cellular one accepts.
 TEST_F(CommandLines, InterfaceChainAndMasquerade) {
     rec_.take();
@@ -61,33 +58,31 @@ TEST_F(CommandLines, InterfaceChainAndMasquerade) {
     ipt_.initNatRules("wlan1");
     ipt_.initMangleRules("rmnet_data5", "0xd5", InterfaceKind::kCellular);
     ipt_.initNatRules("rmnet_data5");
-    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -N kest_probemon_wlan1",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_wlan1",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kest_probemon_wlan1 -j MARK --set-mark 0xa1",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kest_probemon_wlan1 -j CONNMARK --save-mark",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kest_probemon_wlan1 -j RETURN",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -D kest_masquerade -o wlan1 -j MASQUERADE",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -A kest_masquerade -o wlan1 -j MASQUERADE",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -N kest_probemon_rmnet_data5",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_rmnet_data5",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kest_probemon_rmnet_data5 -j MARK --set-mark 0xd5",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kest_probemon_rmnet_data5 -j CONNMARK --save-mark",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -A kest_probemon_rmnet_data5 -j ACCEPT",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -D kest_masquerade -o rmnet_data5 -j MASQUERADE",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -A kest_masquerade -o rmnet_data5 -j MASQUERADE"}));
+    EXPECT_EQ(rec_.take(), (Lines{ipt("mangle -N kest_probemon_wlan1"), ipt("mangle -F kest_probemon_wlan1"),
+                                  ipt("mangle -A kest_probemon_wlan1 -j MARK --set-mark 0xa1"),
+                                  ipt("mangle -A kest_probemon_wlan1 -j CONNMARK --save-mark"),
+                                  ipt("mangle -A kest_probemon_wlan1 -j RETURN"),
+                                  ipt("nat -D kest_masquerade -o wlan1 -j MASQUERADE"),
+                                  ipt("nat -A kest_masquerade -o wlan1 -j MASQUERADE"),
+                                  ipt("mangle -N kest_probemon_rmnet_data5"), ipt("mangle -F kest_probemon_rmnet_data5"),
+                                  ipt("mangle -A kest_probemon_rmnet_data5 -j MARK --set-mark 0xd5"),
+                                  ipt("mangle -A kest_probemon_rmnet_data5 -j CONNMARK --save-mark"),
+                                  ipt("mangle -A kest_probemon_rmnet_data5 -j ACCEPT"),
+                                  ipt("nat -D kest_masquerade -o rmnet_data5 -j MASQUERADE"),
+                                  ipt("nat -A kest_masquerade -o rmnet_data5 -j MASQUERADE")}));
 }
 
 TEST_F(CommandLines, Uid) {
     rec_.take();
     ipt_.addUid("10001");
-    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -D kest_probemon_uid -m owner --uid-owner 10001 -j kest_probemon_iface",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -D kest_probemon_snat -m owner --uid-owner 10001 -j kest_masquerade",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -I kest_probemon_uid -m owner --uid-owner 10001 -j kest_probemon_iface",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -I kest_probemon_snat -m owner --uid-owner 10001 -j kest_masquerade"}));
+    EXPECT_EQ(rec_.take(), (Lines{ipt("mangle -D kest_probemon_uid -m owner --uid-owner 10001 -j kest_probemon_iface"),
+                                  ipt("nat -D kest_probemon_snat -m owner --uid-owner 10001 -j kest_masquerade"),
+                                  ipt("mangle -I kest_probemon_uid -m owner --uid-owner 10001 -j kest_probemon_iface"),
+                                  ipt("nat -I kest_probemon_snat -m owner --uid-owner 10001 -j kest_masquerade")}));
     // Every steered UID goes, whichever one is named.
     ipt_.delUid("10002");
-    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_uid",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -F kest_probemon_snat"}));
+    EXPECT_EQ(rec_.take(), (Lines{ipt("mangle -F kest_probemon_uid"),
+                                  ipt("nat -F kest_probemon_snat")}));
     EXPECT_TRUE(ipt_.uidListSnapshot().empty());
 }
 
@@ -98,12 +93,12 @@ TEST_F(CommandLines, CellularAndWifiSelection) {
     LogCapture log;
     ipt_.selectIface("rmnet_data2", InterfaceKind::kCellular, true);
     ipt_.selectIface("wlan1", InterfaceKind::kWifi, false);
-    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_wlan",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_rmnet",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -I kest_probemon_iface_rmnet -j kest_probemon_rmnet_data2",
+    EXPECT_EQ(rec_.take(), (Lines{ipt("mangle -F kest_probemon_iface_wlan"),
+                                  ipt("mangle -F kest_probemon_iface_rmnet"),
+                                  ipt("mangle -I kest_probemon_iface_rmnet -j kest_probemon_rmnet_data2"),
                                   "kill sockets of 10001", "kill sockets of 10002", "kill sockets of 10001",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_rmnet",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_wlan"}));
+                                  ipt("mangle -F kest_probemon_iface_rmnet"),
+                                  ipt("mangle -F kest_probemon_iface_wlan")}));
     EXPECT_EQ(log.count("selectIface Failed to kill sockets of uid : 10002", ANDROID_LOG_ERROR), 1u);
 }
 
@@ -115,10 +110,10 @@ TEST_F(CommandLines, AutoSelect) {
     ipt_.enableAutoSelect("rmnet_data5");
     ipt_.disableAutoSelect();
     ipt_.killUidSocket();
-    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_auto",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -I kest_probemon_iface_auto -j kest_probemon_rmnet_data5",
+    EXPECT_EQ(rec_.take(), (Lines{ipt("mangle -F kest_probemon_iface_auto"),
+                                  ipt("mangle -I kest_probemon_iface_auto -j kest_probemon_rmnet_data5"),
                                   "kill sockets of 10002",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -F kest_probemon_iface_auto",
+                                  ipt("mangle -F kest_probemon_iface_auto"),
                                   "kill sockets of 10002"}));
     for (const char* caller : {"enableAutoSelect", "killUidSocket"})
         EXPECT_EQ(log.count(std::string(caller) + " Failed to kill sockets of uid : 10002", ANDROID_LOG_ERROR), 1u);
@@ -130,15 +125,15 @@ TEST_F(CommandLines, HookCheckAndRestore) {
     rec_.take();
     rec_.statuses = {1, 0, 0, 1, 2, kNotStarted};
     const HookCheck found[] = {ipt_.checkHooks(), ipt_.checkHooks(), ipt_.checkHooks()};
-    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -C OUTPUT -j kest_probemon_uid",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -C POSTROUTING -j kest_probemon_snat",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -C OUTPUT -j kest_probemon_uid",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -C POSTROUTING -j kest_probemon_snat",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t mangle -C OUTPUT -j kest_probemon_uid",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -C POSTROUTING -j kest_probemon_snat"}));
+    EXPECT_EQ(rec_.take(), (Lines{ipt("mangle -C OUTPUT -j kest_probemon_uid"),
+                                  ipt("nat -C POSTROUTING -j kest_probemon_snat"),
+                                  ipt("mangle -C OUTPUT -j kest_probemon_uid"),
+                                  ipt("nat -C POSTROUTING -j kest_probemon_snat"),
+                                  ipt("mangle -C OUTPUT -j kest_probemon_uid"),
+                                  ipt("nat -C POSTROUTING -j kest_probemon_snat")}));
     for (const HookCheck& f : found) ipt_.restoreJumps(f);
-    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/iptables-wrapper-1.0 -w -t mangle -I OUTPUT -j kest_probemon_uid",
-                                  "/system/bin/iptables-wrapper-1.0 -w -t nat -A POSTROUTING -j kest_probemon_snat"}));
+    EXPECT_EQ(rec_.take(), (Lines{ipt("mangle -I OUTPUT -j kest_probemon_uid"),
+                                  ipt("nat -A POSTROUTING -j kest_probemon_snat")}));
     EXPECT_EQ(found[2].outputJump, JumpState::kUnknown);
     EXPECT_EQ(found[2].postroutingJump, JumpState::kUnknown);
 }
@@ -150,14 +145,14 @@ TEST_F(CommandLines, IpRule) {
     rec_.take();
     EXPECT_EQ(ip.addIpRule("rmnet_data3", "0xd3", "30000"), 0);
     EXPECT_EQ(ip.delIpRule("30000"), 0);
-    EXPECT_EQ(rec_.take(), (Lines{"/system/bin/ip-wrapper-1.0 -4 rule del prio 30000",
-                                  "/system/bin/ip-wrapper-1.0 -4 rule add fwmark 0xd3/0xffff table rmnet_data3 prio 30000",
-                                  "/system/bin/ip-wrapper-1.0 -4 rule del prio 30000"}));
+    EXPECT_EQ(rec_.take(), (Lines{ipRule("del prio 30000"),
+                                  ipRule("add fwmark 0xd3/0xffff table rmnet_data3 prio 30000"),
+                                  ipRule("del prio 30000")}));
     rec_.statuses = {2, kNoExitStatus, kNotStarted, 0};
     LogCapture log;
     for (bool accepted : {false, true, false, true}) EXPECT_EQ(ip.addIpRuleAccepted("wlan1", "0xa1", "29600"), accepted);
-    const std::string del = "/system/bin/ip-wrapper-1.0 -4 rule del prio 29600";
-    const std::string add = "/system/bin/ip-wrapper-1.0 -4 rule add fwmark 0xa1/0xffff table wlan1 prio 29600";
+    const std::string del = ipRule("del prio 29600");
+    const std::string add = ipRule("add fwmark 0xa1/0xffff table wlan1 prio 29600");
     EXPECT_EQ(rec_.take(), (Lines{del, add, del, add, del, add, del, add}));
     EXPECT_EQ(log.count("addIpRule Failue to add ip rule : " + add, ANDROID_LOG_ERROR), 1u) << log.dump();
 }

@@ -27,7 +27,6 @@ public:
     size_t count(const std::string& text, int priority = -1) const;
     // Lines whose text contains `part`.
     size_t countContaining(const std::string& part, int priority = -1) const;
-    bool has(const std::string& text, int priority = -1) const { return count(text, priority) > 0; }
     void clear();
     // Every line, one per row, for failure messages.
     std::string dump() const;

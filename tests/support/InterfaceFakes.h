@@ -1,4 +1,5 @@
-// Test doubles for the interface manager's seams, and a manager built on them.
+// Test doubles for the interface manager's seams, the registry's records on
+// their own, and a manager built on the doubles.
 #pragma once
 
 #include <atomic>
@@ -6,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "interfaces/InterfaceManager.h"
+#include "interfaces/PingServers.h"
 
 namespace probemond::test {
 
@@ -160,6 +163,19 @@ struct JoiningLauncher : ThreadLauncher {
 private:
     std::mutex lock_;
     std::vector<std::thread> threads_;
+};
+
+// One record per row of the interface table, as the manager builds them.
+struct Records {
+    Records() {
+        for (const InterfaceRow& row : kInterfaceTable) {
+            owned.push_back(std::make_unique<InterfaceInfo>(row, PingServers::startServer()));
+            map[row.name] = owned.back().get();
+        }
+    }
+    InterfaceInfo& operator[](const std::string& name) { return *map.at(name); }
+    std::vector<std::unique_ptr<InterfaceInfo>> owned;
+    InterfaceMap map;
 };
 
 // A manager on the fakes; it stops and joins its engine and any workers
