@@ -82,16 +82,29 @@ case_calls() {
     expect_eq "stop-ping" 0 "$(pd_ctl stop-ping wlan0)"
     expect_eq "stop-all-ping" 0 "$(pd_ctl stop-all-ping)"
 
-    # Down, absent or unknown to the kernel: -1, and only a name the kernel runs
-    # but the registry does not know is logged.
+    # Down, without carrier, absent or unknown to the kernel: -1, and only a
+    # name the kernel runs but the registry does not know is logged.
     ip link set wlan1 down
     expect_eq "rtt of a down interface" -1 "$(pd_ctl rtt wlan1)"
     ip link set wlan1 up
+    # Up, its peer down: IFF_UP without IFF_RUNNING.
+    "$PD_LAB" netexec ip link set n-wlan1 down
+    pd_wait_true 5 link_flags_are wlan1 NO-CARRIER UP || fail "wlan1 never showed NO-CARRIER while UP"
+    expect_eq "rtt of an interface up without carrier" -1 "$(pd_ctl rtt wlan1)"
+    "$PD_LAB" netexec ip link set n-wlan1 up
+    pd_wait_true 5 link_flags_are wlan1 LOWER_UP || fail "wlan1's carrier did not come back"
     expect_eq "rtt of an unknown interface" -1 "$(pd_ctl rtt eth0)"
     expect_eq "rtt of lo" -1 "$(pd_ctl rtt lo)"
     local texts; texts="$(pd_log_texts)"
     expect_eq "getInterfaceRtt lines" "getInterfaceRtt ifaceInfo of lo is NULL" "$(grep '^getInterfaceRtt' <<<"$texts")"
     grep -qxF "startPingThread Failed to start ping on wlan0" <<<"$texts" || fail "a second start-ping started a worker"
+}
+
+# link_flags_are IFACE FLAG...: the kernel shows each FLAG on IFACE.
+link_flags_are() {
+    local flags f
+    flags=",$(ip link show "$1" | sed -n 's/^[0-9]*: [^<]*<\([^>]*\)>.*/\1/p'),"
+    for f in "${@:2}"; do [[ "$flags" == *",$f,"* ]] || return 1; done
 }
 
 case_manual() {
