@@ -2,14 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <stdio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <thread>
 #include <vector>
 
 #include "BinderTestEnvironment.h"
@@ -36,14 +33,6 @@ std::pair<int, std::string> ctl(const std::string& args, const std::string& env 
     for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
     const int status = pclose(p);
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
-
-int openFdCount() {
-    int n = -1;  // the directory's own descriptor
-    DIR* d = opendir("/proc/self/fd");
-    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-    return n;
 }
 
 sp<IBinder> waitForService(const char* name) {
@@ -106,39 +95,6 @@ TEST(Callback, WatchAnswersNotify) {
     ChildProcess watch({PROBEMONCTL_PATH, "watch", "--reply", "7"});
     ASSERT_NE(nullptr, waitForService("NetworkProbeMon_Binder").get());
     EXPECT_EQ(7, IKestNetworkProbeMonCallback::notify("rmnet_data1"));
-}
-
-TEST(RemoteService, EightClientThreadsOnAPoolOfTwoLeaveNoDescriptors) {
-    ChildProcess server({TEST_SERVER_PATH, "service", "load", "2"});
-    ASSERT_NE(nullptr, waitForService("load").get());
-    auto serverFds = [] { return sp<BpKestNetworkProbeMon>(new BpKestNetworkProbeMon(waitForService("load")))->getRttInternal("fds"); };
-    const int32_t serverBefore = serverFds();
-    const int clientBefore = openFdCount();
-    {
-        sp<IBinder> binder = waitForService("load");
-        ASSERT_NE(nullptr, binder->remoteBinder()) << "must be a proxy to the helper process";
-        sp<BpKestNetworkProbeMon> service = new BpKestNetworkProbeMon(binder);
-        std::atomic<int> wrong{0};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 8; t++) {
-            threads.emplace_back([&, t] {
-                for (int n = t * 100000; n < t * 100000 + 1000; n++)
-                    wrong += service->getRttInternal(std::to_string(n)) != 3 * n + 1;
-            });
-        }
-        for (auto& th : threads) th.join();
-        EXPECT_EQ(0, wrong.load());
-    }
-    EXPECT_EQ(clientBefore, openFdCount());
-    // The server closes a connection when it sees its end (a lingering one can
-    // only have raised the first count).
-    int32_t serverAfter = -1;
-    for (int i = 0; i < 200 && (serverAfter = serverFds()) > serverBefore; i++) usleep(10000);
-    EXPECT_LE(serverAfter, serverBefore);
-
-    sp<IBinder> binder = waitForService("load");
-    server.finish(true);
-    EXPECT_EQ(DEAD_OBJECT, binder->pingBinder());
 }
 
 }  // namespace
