@@ -82,16 +82,29 @@ case_calls() {
     expect_eq "stop-ping" 0 "$(pd_ctl stop-ping wlan0)"
     expect_eq "stop-all-ping" 0 "$(pd_ctl stop-all-ping)"
 
-    # Down, absent or unknown to the kernel: -1, and only a name the kernel runs
-    # but the registry does not know is logged.
+    # Down, without carrier, absent or unknown to the kernel: -1, and only a
+    # name the kernel runs but the registry does not know is logged.
     ip link set wlan1 down
     expect_eq "rtt of a down interface" -1 "$(pd_ctl rtt wlan1)"
     ip link set wlan1 up
+    # Up, its peer down: IFF_UP without IFF_RUNNING.
+    "$PD_LAB" netexec ip link set n-wlan1 down
+    pd_wait_true 5 link_flags_are wlan1 NO-CARRIER UP || fail "wlan1 never showed NO-CARRIER while UP"
+    expect_eq "rtt of an interface up without carrier" -1 "$(pd_ctl rtt wlan1)"
+    "$PD_LAB" netexec ip link set n-wlan1 up
+    pd_wait_true 5 link_flags_are wlan1 LOWER_UP || fail "wlan1's carrier did not come back"
     expect_eq "rtt of an unknown interface" -1 "$(pd_ctl rtt eth0)"
     expect_eq "rtt of lo" -1 "$(pd_ctl rtt lo)"
     local texts; texts="$(pd_log_texts)"
     expect_eq "getInterfaceRtt lines" "getInterfaceRtt ifaceInfo of lo is NULL" "$(grep '^getInterfaceRtt' <<<"$texts")"
     grep -qxF "startPingThread Failed to start ping on wlan0" <<<"$texts" || fail "a second start-ping started a worker"
+}
+
+# link_flags_are IFACE FLAG...: the kernel shows each FLAG on IFACE.
+link_flags_are() {
+    local flags f
+    flags=",$(ip link show "$1" | sed -n 's/^[0-9]*: [^<]*<\([^>]*\)>.*/\1/p'),"
+    for f in "${@:2}"; do [[ "$flags" == *",$f,"* ]] || return 1; done
 }
 
 case_manual() {
@@ -108,7 +121,6 @@ case_manual() {
 
     expect_eq "select rmnet_data0" 0 "$(pd_ctl select rmnet_data0)"
     pd_wait_file "$PD_TMP/conn1" "closed:" 5 || unless_sock_diag_refused fail "open TCP connection survived the switch"
-    pd_log_texts | grep -qxF "selectInterface prev=wlan0, curr=rmnet_data0, kill=1" || fail "no prev/curr line"
     expect_eq "carrier on rmnet_data0" rmnet_data0 "$(pd_udp_carrier $UID_APP 200)"
     pd_hold conn2 $UID_APP 7001 || { fail "reconnect failed"; return; }
     pd_wait_file "$PD_TMP/listener" "accepted 10.77.10.2:" 5 || fail "new connection not from rmnet_data0"
@@ -150,7 +162,6 @@ case_auto() {
     grep -qE "^  wlan0 made=[1-9][0-9]* failed=[0-9]+ historyFailed=[0-9]+% lastProbeMsAgo=[0-9]+ " <<<"$out" ||
         fail "no probe counters for wlan0"
     out="$(pd_ctl top --once)"
-    expect_eq "top rows" ${#LAB_IFACES[@]} "$(grep -cE "^($(IFS='|'; echo "${LAB_IFACES[*]}")) " <<<"$out")"
     grep -qx "user: wlan0   auto-select: on   auto: rmnet_data0" <<<"$out" || fail "top: selection line missing"
 
     expect_eq "disable-auto-select" 0 "$(pd_ctl disable-auto-select)"
@@ -241,11 +252,6 @@ case_restore_manual() {
     expect_eq "daemon's rules without table names" 0 "$(ip -4 rule show | grep -c fwmark)"
     pd_wait_true 10 names_back || { fail "the table names did not come back"; return; }
     check_restored 6 rmnet_data0 3 "${prios[@]}"
-    expect_eq "restoration lines" \
-        "restored the mangle OUTPUT and nat POSTROUTING jumps and the ip rules of wlan1, rmnet_data0 after a platform restart
-restored the mangle OUTPUT and nat POSTROUTING jumps and no ip rule (refused for now: wlan1, rmnet_data0) after a platform restart
-restored the ip rules of wlan1, rmnet_data0 (refused at first) after a platform restart" \
-        "$(pd_log_texts | grep 'after a platform restart$')"
 }
 
 # The auto branch, steering to rmnet_data0 after a switch from a slow wlan0.

@@ -1,5 +1,4 @@
 // Real probes through the lab's veth links against its ICMP responder.
-#include <android/log.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 
@@ -8,7 +7,6 @@
 #include <vector>
 
 #include "Lab.h"
-#include "LogCapture.h"
 #include "TempPropertyFile.h"
 #include "common/Properties.h"
 #include "probe/Ping.h"
@@ -76,7 +74,6 @@ TEST_F(ProbeLab, RttFollowsEachInterfacesDelay) {
 }
 
 TEST_F(ProbeLab, SilenceEndsWithTheTimeoutAndWrapsTheSequence) {
-    LogCapture log;
     props_.set(kPingTimeoutProperty, "500");
     ASSERT_TRUE(labFault("rmnet_data3", "silent"));
     Ping p;
@@ -89,34 +86,22 @@ TEST_F(ProbeLab, SilenceEndsWithTheTimeoutAndWrapsTheSequence) {
     EXPECT_GE(elapsed, 490);
     EXPECT_LT(elapsed, 900);
     EXPECT_EQ(0, p.sequenceNumber);
-    EXPECT_EQ(1u, log.count("Failed to read socket or timeout on rmnet_data3", ANDROID_LOG_WARN))
-        << log.dump();
 }
 
-// Each kind of bad reply is logged and rejected, and the probe waits on for
-// the real reply, which the responder sends one delay after the bad one.
+// Each kind of bad reply is rejected (which reason is the parser's unit
+// test), and the probe waits on for the real reply, which the responder sends
+// one delay after the bad one.
 TEST_F(ProbeLab, RejectedRepliesRestartTheWait) {
-    const struct {
-        const char* fault;
-        const char* line;
-    } cases[] = {{"wrong-seq+reply", "Wrong sequence number."},
-                 {"bad-checksum+reply", "Wrong checksum."},
-                 {"unreachable+reply", "ICMP code: 1"},
-                 {"foreign-source+reply", "Source does not equal to our destination."}};
     props_.set(kPingTimeoutProperty, "1000");
-    props_.set(kPingDebugProperty, "1");
     ASSERT_TRUE(labDelay("wlan1", 20));
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.fault);
-        ASSERT_TRUE(labFault("wlan1", c.fault));
-        LogCapture log;
+    for (const char* fault : {"wrong-seq+reply", "bad-checksum+reply", "unreachable+reply", "foreign-source+reply"}) {
+        SCOPED_TRACE(fault);
+        ASSERT_TRUE(labFault("wlan1", fault));
         Ping p;
         // ~40 ms; ending at the bad packet would give ~20, by timeout 1000.
         const int32_t rtt = p.ping("wlan1", "208.67.222.222").rtt;
         EXPECT_GE(rtt, 39);
         EXPECT_LE(rtt, 50);
-        EXPECT_EQ(1u, log.count(c.line, ANDROID_LOG_ERROR)) << log.dump();
-        EXPECT_EQ(1u, log.countContaining("Failed to parseICMPReply on wlan1 (", ANDROID_LOG_ERROR));
         EXPECT_EQ(1, p.sequenceNumber);
     }
 

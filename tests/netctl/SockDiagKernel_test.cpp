@@ -128,11 +128,6 @@ TEST_F(SockDiagKernelTest, DestroysEveryTcpAndUdpSocketOfTheUidAndNoOther) {
     EXPECT_TRUE(b4.intact() && b6.intact());
     EXPECT_EQ(tcpState(l4.get()), TCP_LISTEN);  // root's listeners stay
     EXPECT_EQ(tcpState(l6.get()), TCP_LISTEN);
-
-    // Nothing left: both passes end at DONE with nothing to report.
-    log.clear();
-    EXPECT_EQ(killUidSockets("10123"), 0);
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
 }  // namespace

@@ -34,6 +34,7 @@ using Fd = android::base::unique_fd;
 namespace {
 
 sp<IBinder> gService;
+sp<BpKestNetworkProbeMon> gProxy;  // proper calls, as the vendor client makes them
 int gCalls = 0, gBad = 0;
 
 void note(bool ok, const std::string& what) {
@@ -47,19 +48,15 @@ std::string tokenBytes() {
     return std::string(reinterpret_cast<const char*>(p.data()), p.dataSize());
 }
 
-// Sends the token (unless raw), the bytes and the descriptors; *result gets the reply.
-status_t send(uint32_t code, const std::string& bytes, int32_t* result = nullptr, std::vector<int> fds = {},
-              bool raw = false) {
+// Sends the token (unless raw), the bytes as they are and the descriptors.
+status_t send(uint32_t code, const std::string& bytes, std::vector<int> fds = {}, bool raw = false) {
     Parcel data, reply;
     const std::string all = (raw ? "" : tokenBytes()) + bytes;
     data.setData(reinterpret_cast<const uint8_t*>(all.data()), all.size());
     data.setDataPosition(all.size());
     for (int fd : fds) data.writeFileDescriptor(fd);
-    const status_t s = gService->transact(code, data, &reply);
-    if (result != nullptr) *result = reply.readInt32();
-    return s;
+    return gService->transact(code, data, &reply);
 }
-std::string cstr(const std::string& s) { return std::string(s.c_str(), s.size() + 1) + std::string(3 - s.size() % 4, '\0'); }
 
 status_t dumpTo(int fd, int32_t argc = 0) {
     Parcel data, reply;
@@ -72,7 +69,7 @@ status_t dumpTo(int fd, int32_t argc = 0) {
 // The daemon still answers a proper call (a crash shows here: the proxy stays dead).
 void stillServes(const std::string& what) {
     int32_t r = 0;
-    note(send(M::GET_RTT, cstr("wlan0"), &r) == OK, what + ": no answer afterwards");
+    note(gProxy->call(M::GET_RTT, "wlan0", &r) == OK, what + ": no answer afterwards");
 }
 
 int stress(double seconds, unsigned seed, double cycle) {
@@ -90,7 +87,7 @@ int stress(double seconds, unsigned seed, double cycle) {
             lastCycle = elapsed();
             for (auto [code, arg] : {std::make_pair(M::DISABLE_AUTO_SELECT, ""), {M::SELECT_INTERFACE, "wlan1"},
                                      {M::SELECT_INTERFACE, "wlan0"}, {M::ENABLE_AUTO_SELECT, "wlan0,rmnet_data0,"}})
-                note(send(code, *arg || code != M::DISABLE_AUTO_SELECT ? cstr(arg) : "", &r) == OK && r == 0, "cycle");
+                note(gProxy->call(code, *arg ? arg : nullptr, &r) == OK && r == 0, "cycle");
             // Under an emulator every wrapper command forks it: only a hang fails there.
             const char* emu = getenv("PROBEMOND_EMULATOR");
             const double bound = emu != nullptr && *emu != '\0' ? 30 : 5;
@@ -101,7 +98,7 @@ int stress(double seconds, unsigned seed, double cycle) {
         const uint32_t codes[] = {6, 6, 6, 6, 6, 6, 6, 6, 1, 1, 2, 2, 3, 4, 5, 7, 8, 9, 10, 14};
         const uint32_t code = codes[rng() % 20];
         const std::string arg = names[rng() % std::size(names)];
-        const status_t s = send(code, cstr(arg), &r);
+        const status_t s = gProxy->call(code, arg.c_str(), &r);
         if (code == 14) note(s == UNKNOWN_TRANSACTION, "code 14: " + std::to_string(s));
         else if (code == M::GET_RTT) note(s == OK && r >= -1 && r <= 5000, "rtt " + arg + ": " + std::to_string(r));
         else note(s == OK && r == 0, "code " + std::to_string(code) + " " + arg + ": " + std::to_string(s));
@@ -159,10 +156,11 @@ int malformed() {
         note(send(code, "") == BAD_VALUE, "missing string to " + std::to_string(code));
         note(send(code, "wlan0wlan") == BAD_VALUE, "unterminated string to " + std::to_string(code));
     }
-    for (uint32_t code : {M::START_PING, M::ADD_UID, M::STOP_ALL_PING}) send(code, "", nullptr, {pipeRead.get()});
+    for (uint32_t code : {M::START_PING, M::ADD_UID, M::STOP_ALL_PING}) send(code, "", {pipeRead.get()});
     stillServes("descriptors where strings belong");
-    note(send(M::STOP_PING, cstr("wlan0"), nullptr, std::vector<int>(16, pipeWrite.get())) == OK, "16 fds");
-    note(send(M::ADD_UID, cstr(std::string(200 * 1024, '7'))) == FAILED_TRANSACTION, "oversized parcel");
+    note(send(M::STOP_PING, std::string("wlan0\0\0", 8), std::vector<int>(16, pipeWrite.get())) == OK, "16 fds");
+    int32_t r = 0;
+    note(gProxy->call(M::ADD_UID, std::string(200 * 1024, '7').c_str(), &r) == FAILED_TRANSACTION, "oversized parcel");
     // Dumps to nowhere, to a reader gone, to a full pipe nobody drains, with absurd counts: each ends.
     const char junk[4096] = {};
     while (write(pipeWrite.get(), junk, sizeof junk) > 0) {
@@ -171,7 +169,7 @@ int malformed() {
     dumpTo(pipeWrite.get(), 0x7fffffff);
     pipeRead.reset();
     dumpTo(pipeWrite.get(), -1);
-    send(IBinder::DUMP_TRANSACTION, std::string(4, '\0'), nullptr, {}, true);
+    send(IBinder::DUMP_TRANSACTION, std::string(4, '\0'), {}, true);
     stillServes("dumps");
     // The wire itself: short, wrong magic, descriptors not announced or missing, oversized.
     std::string wrongMagic = frame(M::STOP_ALL_PING, 0, 0, token);
@@ -187,17 +185,13 @@ int malformed() {
     }
     stillServes("raw messages");
     // Client text at its limits: names too long for any interface, a parcel's worth of list.
-    for (const std::string& name : {std::string("rmnet_data0wlan0"), "wlan0\x01\xff" + std::string(40, 'x')}) {
-        int32_t r = 0;
-        note(send(M::GET_RTT, cstr(name), &r) == OK && r == -1, "rtt of a long name: " + std::to_string(r));
-    }
+    for (const std::string& name : {std::string("rmnet_data0wlan0"), "wlan0\x01\xff" + std::string(40, 'x')})
+        note(gProxy->call(M::GET_RTT, name.c_str(), &r) == OK && r == -1, "rtt of a long name: " + std::to_string(r));
     std::string repeats;
     while (repeats.size() < 120 * 1024) repeats += "wlan0,";
-    for (const std::string& list : {repeats, std::string(120 * 1024, ',')}) {
-        int32_t r = -1;
-        note(send(M::ENABLE_AUTO_SELECT, cstr(list), &r) == OK && r == 0, "a list of 120 KiB");
-    }
-    note(send(M::DISABLE_AUTO_SELECT, "") == OK, "disable");
+    for (const std::string& list : {repeats, std::string(120 * 1024, ',')})
+        note(gProxy->call(M::ENABLE_AUTO_SELECT, list.c_str(), &r) == OK && r == 0, "a list of 120 KiB");
+    note(gProxy->call(M::DISABLE_AUTO_SELECT, nullptr, &r) == OK, "disable");
     // Idle connections beyond the bound are closed at once; the others stay.
     std::vector<Fd> idle;
     std::vector<pollfd> watched;
@@ -219,6 +213,7 @@ int malformed() {
     idle.clear();
     gService = defaultServiceManager()->checkService(String16("probemond_Binder"));
     if (gService == nullptr) return 1;
+    gProxy = new BpKestNetworkProbeMon(gService);
     stillServes("idle connections");
     printf("malformed calls=%d bad=%d\n", gCalls, gBad);
     return gBad == 0 ? 0 : 1;
@@ -246,6 +241,7 @@ int main(int argc, char** argv) {
     }
     gService = defaultServiceManager()->checkService(String16("probemond_Binder"));
     if (gService == nullptr) return 1;
+    gProxy = new BpKestNetworkProbeMon(gService);
     if (mode == "stress" && argc >= 4) return stress(atof(argv[2]), atoi(argv[3]), argc > 4 ? atof(argv[4]) : 0);
     if (mode == "malformed") return malformed();
     fprintf(stderr, "usage: probemond-rel-client stress SECONDS SEED [CYCLE] | malformed | hang-watcher\n");

@@ -42,32 +42,19 @@ fds_threads() {
     echo "$fds $tasks"
 }
 
-# Descriptors and threads at rest, probing suspended: read until two readings
-# in a row agree (the last probe over, every hung-up client's thread gone),
-# 20 s at most. Prints "FDS THREADS".
+# at_rest [BEFORE]: "FDS THREADS" with probing suspended, read until a reading
+# is BEFORE or, without it, the reading before (the last probe over, every
+# hung-up client's thread gone), 20 s at most. What a finished load leaves for
+# a moment goes away; a leaked descriptor or thread stays.
 at_rest() {
     pd_ctl suspend-all-ping >/dev/null
     local last="" now deadline=$((SECONDS + 20))
     now="$(fds_threads)"
-    until [ "$now" = "$last" ] || [ $SECONDS -gt $deadline ]; do
-        last="$now" now="$(fds_threads)"
-    done
+    until [ "$now" = "${1:-$last}" ] || [ $SECONDS -gt $deadline ]; do last="$now" now="$(fds_threads)"; done
     pd_ctl resume-all-ping >/dev/null
     echo "$now"
 }
-
-# expect_no_growth BEFORE: at rest the daemon holds what it held at BEFORE, no
-# tolerance. Read until it does, 20 s at most: what a finished load leaves for
-# a moment (a probe's socket, a pool thread seeing its client hang up) goes
-# away, a leaked descriptor or thread stays and fails the check.
-expect_no_growth() {
-    pd_ctl suspend-all-ping >/dev/null
-    local now deadline=$((SECONDS + 20))
-    now="$(fds_threads)"
-    until [ "$now" = "$1" ] || [ $SECONDS -gt $deadline ]; do now="$(fds_threads)"; done
-    pd_ctl resume-all-ping >/dev/null
-    expect_eq "descriptors and threads" "$1" "$now"
-}
+expect_no_growth() { expect_eq "descriptors and threads" "$1" "$(at_rest "$1")"; }  # BEFORE, no tolerance
 
 steer_wlan0_with_auto() {
     pd_ctl add-ip-rule wlan0 >/dev/null
@@ -116,16 +103,15 @@ case_stress() {
     figure "stress clients=8 seconds=60 calls=$total switches_to_rmnet=$to_cell switches_to_wlan=$to_wifi fds_threads=$before"
 }
 
-# Missing, failing (listing its descriptors: none may be inherited) and
+# Failing (listing its descriptors: none may be inherited) and
 # garbage-printing wrappers: every reply stays 0, each command runs once.
 case_wrappers() {
     local body texts n
-    for body in "" \
+    for body in \
         'find /proc/$$/fd -mindepth 1 -printf "FDLIST $$ %f %l\n"; echo "refused: $*"; echo "tool error" >&2; exit 1' \
         'head -c 2048 /dev/urandom; printf "\000\001\377\n"; printf "%03000d\n" 0; printf "tail-without-newline"'; do
         : >"$PD_LOG"
-        pd_start_daemon "$(if [ -n "$body" ]; then fake_bin "$body"; else mkdir -p "$PD_TMP/none"; echo "$PD_TMP/none"; fi)" ||
-            { fail "start"; return; }
+        pd_start_daemon "$(fake_bin "$body")" || { fail "start"; return; }
         pd_bg watch pd_bin probemonctl watch
         for n in "${LAB_IFACES[@]:0:3}"; do pd_ctl start-ping $n >/dev/null; done
         pd_wait_true 5 pd_log_count "rtt=" || true
@@ -135,14 +121,9 @@ case_wrappers() {
         texts="$(pd_log_texts)"
         expect_eq "runner failures (the shell did start)" 0 "$(grep -c 'SEND PROBEMOND NDC COMMAND - FAIL' <<<"$texts")"
         case "$body" in
-        "")
-            [ "$(grep -c 'wrapper-1.0: not found' "$PD_LOG")" -gt 80 ] || fail "too few 'not found' lines"
-            expect_eq "chains made" 0 "$(iptables-legacy -w -t mangle -S | grep -c kest_)" ;;
         find*)
             n="$(grep -c '^PROBEMOND EXECNETD RESP refused: ' <<<"$texts")"
             expect_eq "tool stderr lines" "$n" "$(grep -cx 'tool error' "$PD_LOG")"
-            grep -qxF "PROBEMOND EXECNETD RESP refused: -w -t mangle -I kest_probemon_iface_rmnet -j kest_probemon_rmnet_data1" <<<"$texts" ||
-                fail "the select's insert did not run after earlier failures"
             local fdlist; fdlist="$(sed -n 's/^PROBEMOND EXECNETD RESP FDLIST //p' <<<"$texts")"
             expect_eq "wrapper runs that listed their descriptors" "$n" "$(cut -d' ' -f1 <<<"$fdlist" | sort -u | wc -l)"
             expect_eq "inherited descriptors" "" "$(cut -d' ' -f2- <<<"$fdlist" | grep -vE "^[012] |$PD_TMP/sysbin/" | head -n 5)"
@@ -167,27 +148,21 @@ case_iface_recreated() {
     pd_wait_true 5 pd_rtt_in wlan1 20 100 || fail "wlan1 never measured"
     ip link del wlan1 || { fail "cannot delete wlan1"; return; }
     expect_eq "rtt of a deleted interface" -1 "$(pd_ctl rtt wlan1)"
-    pd_wait_log "Failed to bind socket on wlan1" 5 || fail "the worker did not report the missing device"
-    pd_wait_log "wlan1,rtt=200," 5 || fail "the worker did not report the timeout"
     "$PD_LAB" relink wlan1 || { fail "cannot re-create wlan1"; return; }
     pd_wait_true 10 pd_rtt_in wlan1 20 100 || fail "wlan1 did not recover: rtt $(pd_ctl rtt wlan1)"
     expect_healthy "after the interface came back"
 }
 
+# Silence reports the timeout, which the threshold set to the same value
+# counts as slow: the servers move on.
 case_resolvers_silent() {
-    local i walk
+    local i
     for i in "${LAB_IFACES[@]}"; do "$PD_LAB" fault "$i" silent; done
-    # A short timeout walks the table sooner, with the threshold down with it.
-    # One worker only: two switching at once move the shared index twice, by design.
     printf 'vendor.kest.probemond.ping_timeout=50\nvendor.kest.probemond.rtt_timeout_threshold=50\n' >>"$PROBEMOND_PROPERTY_FILE"
     pd_start_daemon || { fail "start"; return; }
     pd_ctl start-ping wlan0 >/dev/null
-    pd_wait_true 45 pd_log_at_least 'switch DNS to' 4 || fail "fewer than four switches"
-    walk="$(pd_log_texts | sed -n 's/^Ping thread [0-9]* on wlan0 switch DNS to //p' | head -n 4 | paste -sd ' ')"
-    expect_eq "servers walked" "1.1.1.1 8.8.4.4 1.0.0.1 8.8.8.8" "$walk"
+    pd_wait_true 20 pd_log_at_least 'switch DNS to' 1 || fail "silent resolvers did not move the servers on"
     expect_eq "rtt of a silent interface" 50 "$(pd_ctl rtt wlan0)"
-    # Every record follows the switch, not only the worker's own.
-    expect_eq "records on the last server" ${#LAB_IFACES[@]} "$(pd_ctl dump | grep -c ' server=8.8.8.8 ')"
     "$PD_LAB" fault wlan0 off
     "$PD_LAB" delay wlan0 20
     pd_wait_true 10 pd_rtt_in wlan0 20 50 || fail "wlan0 did not recover: rtt $(pd_ctl rtt wlan0)"
@@ -205,13 +180,11 @@ case_callback_killed() {
     pd_wait_file "$PD_TMP/hang" "serving" 5 || { fail "hang-watcher did not start"; return; }
     "$PD_LAB" delay wlan0 150
     pd_wait_file "$PD_TMP/hang" "onAutoSelect(rmnet_data0) taken" 40 || { fail "no switch callback"; return; }
-    pd_log_texts | grep -q "^rmnet_data0 ([0-9]*ms) is better than wlan0" || fail "no decision line"
-    pd_log_texts | grep -q "^Switch to rmnet_data0$" && fail "the switch went on before the callback returned"
+    pd_auto_branch_is kest_probemon_rmnet_data0 && fail "the switch went on before the callback returned"
     [[ "$(pd_ctl_within 5 rtt wlan0)" =~ ^[0-9]+$ ]] || fail "no answer while the engine waited"
     kill "${PD_CHILDREN[-1]}"
-    pd_wait_log "onAutoSelect : Couldn't contact remote: -32" 5 || fail "no 'Couldn't contact remote' line"
-    pd_wait_log "Switch to rmnet_data0" 5 || fail "the engine did not go on after the client died"
-    pd_wait_true 5 pd_auto_branch_is kest_probemon_rmnet_data0 || fail "auto branch: '$(pd_auto_branch)'"
+    pd_wait_true 10 pd_auto_branch_is kest_probemon_rmnet_data0 ||
+        fail "the engine did not go on after the client died: auto branch '$(pd_auto_branch)'"
     expect_eq "disable with no client" 0 "$(pd_ctl_within 5 disable-auto-select)"
     expect_healthy "after the callback client was killed"
 }
@@ -247,11 +220,9 @@ case_property_garbage() {
     pd_ctl start-ping wlan0 >/dev/null
     pd_wait_true 6 pd_log_at_least '^wlan0,rtt=0,' 3 || fail "no probe returned 0 with a garbage timeout"
     expect_eq "switches with a garbage timeout" 0 "$(pd_log_count 'switch DNS to')"
-    # A threshold that is no number: 0, so the servers move every six probes.
+    # A threshold that is no number: 0, so every probe is slow and the servers move.
     echo "vendor.kest.probemond.rtt_timeout_threshold=xyz" >"$PROBEMOND_PROPERTY_FILE"
-    pd_wait_true 20 pd_log_at_least 'switch DNS to' 2 || fail "servers did not rotate"
-    expect_eq "probes between two switches" 6 \
-        "$(pd_log_texts | awk '/switch DNS to/ {n++; next} n == 1 && /^wlan0,rtt=/ {c++} END {print c + 0}')"
+    pd_wait_true 20 pd_log_at_least 'switch DNS to' 1 || fail "servers did not rotate"
     # Binary junk around a real setting: the setting still takes effect.
     { head -c 3000 /dev/urandom; printf '\n\000=\000\nno equals\n=no key\n%05000d=%05000d\n' 0 0
       echo "vendor.kest.probemond.rtt_debug=1"; } >"$PROBEMOND_PROPERTY_FILE"
@@ -313,12 +284,10 @@ case_binder_access() {
     # The daemon admits inet (3003), one of its own groups, beside its uid and root.
     PROBEMOND_BINDER_GROUP=3003 pd_start_daemon "$(fake_bin "echo \"\$*\" >>$PD_TMP/commands")" ||
         { fail "start"; return; }
-    local before out rc
-    before="$(pd_log_count 'onTransact')"
+    local out rc
     out="$(pd_ctl_as 2001 --clear-groups add-uid $UID_APP 2>&1)"; rc=$?
     expect_eq "stranger's exit status" 1 "$rc"
     [[ "$out" == "probemonctl: permission denied: "* ]] || fail "stranger was told '$out'"
-    expect_eq "calls the daemon took from the stranger" "$before" "$(pd_log_count 'onTransact')"
     expect_eq "commands for the stranger" "" "$(grep -e "--uid-owner" "$PD_TMP/commands")"
     expect_eq "owner" 0 "$(pd_ctl_as 1000 --clear-groups add-uid $UID_APP)"
     grep -q -e "--uid-owner $UID_APP " "$PD_TMP/commands" || fail "the owner's add-uid ran no command"
