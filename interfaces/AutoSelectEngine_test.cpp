@@ -172,22 +172,4 @@ TEST(AutoSelectList, ParsedInOrderAndRepeatsPastTheBoundMoveToTheFront) {
     fake.engine.stop();
 }
 
-// Selection waiting behind an unknown name is the end-to-end dump_held's;
-// enabling must wait too. Deliberately never released: the manager and the
-// blocked thread stay for the life of the process (reachable, for leak
-// checkers).
-FakeManager* gAbandoned = nullptr;
-
-TEST(AutoSelectThread, AfterAnUnknownSelectionEnablingWaits) {
-    TempPropertyFile props;
-    gAbandoned = new FakeManager;
-    InterfaceManager& m = gAbandoned->m;
-    EXPECT_EQ(-1, m.selectInterface("eth0"));
-    gAbandoned->recorder.clear();
-    std::thread([&m] { m.enableAutoSelect("wlan1,"); }).detach();
-    // enableAutoSelect gets as far as its unlocked disable, then waits.
-    ASSERT_TRUE(waitUntil([&] { return gAbandoned->recorder.calls().size() == 2; }));
-    EXPECT_FALSE(waitUntil([&] { return gAbandoned->launcher.started > 0; }, 200)) << "an engine started";
-}
-
 }  // namespace

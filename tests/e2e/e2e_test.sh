@@ -180,6 +180,8 @@ case_dump_held() {
     expect_eq "select eth0" 0 "$(pd_ctl select eth0)"
     pd_ctl_within 2 select wlan1 >/dev/null
     expect_eq "a later select waits for the held mutex" 124 "$?"
+    pd_ctl_within 2 auto-select "wlan1," >/dev/null
+    expect_eq "auto-select waits for it too" 124 "$?"
     local out
     out="$(pd_ctl_within 5 dump)" || fail "dump did not answer (rc $?)"
     expect_eq "interfaces in dump" ${#LAB_IFACES[@]} "$(grep -c ' fwmark=' <<<"$out")"

@@ -153,22 +153,6 @@ case_iface_recreated() {
     expect_healthy "after the interface came back"
 }
 
-# Silence reports the timeout, which the threshold set to the same value
-# counts as slow: the servers move on.
-case_resolvers_silent() {
-    local i
-    for i in "${LAB_IFACES[@]}"; do "$PD_LAB" fault "$i" silent; done
-    printf 'vendor.kest.probemond.ping_timeout=50\nvendor.kest.probemond.rtt_timeout_threshold=50\n' >>"$PROBEMOND_PROPERTY_FILE"
-    pd_start_daemon || { fail "start"; return; }
-    pd_ctl start-ping wlan0 >/dev/null
-    pd_wait_true 20 pd_log_at_least 'switch DNS to' 1 || fail "silent resolvers did not move the servers on"
-    expect_eq "rtt of a silent interface" 50 "$(pd_ctl rtt wlan0)"
-    "$PD_LAB" fault wlan0 off
-    "$PD_LAB" delay wlan0 20
-    pd_wait_true 10 pd_rtt_in wlan0 20 50 || fail "wlan0 did not recover: rtt $(pd_ctl rtt wlan0)"
-    expect_healthy "after every resolver was silent"
-}
-
 case_callback_killed() {
     "$PD_LAB" delay wlan0 20
     "$PD_LAB" delay rmnet_data0 40

@@ -94,7 +94,7 @@ TEST(Transport, StatusesOnewayAndOversizeReply) {
     ASSERT_EQ(OK, defaultServiceManager()->addService(String16("echo.transport"), echo));
     // A proxy that skips the same-process shortcut, so the socket transport carries the calls.
     sp<BpBinder> p = new BpBinder(serviceDir() + "/echo.transport", getpid());
-    // Replies crossing processes under load are the cross-process test's.
+    // Replies crossing processes under load are the reliability stress's.
     Parcel reply, empty, failed;
     EXPECT_EQ(UNKNOWN_TRANSACTION, p->transact(0, empty, &failed));
     EXPECT_EQ(0u, failed.dataSize()) << "a failed call carries no data";
