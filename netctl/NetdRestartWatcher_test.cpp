@@ -2,7 +2,6 @@
 // and the real property wait on the host's property file.
 #include "netctl/NetdRestartWatcher.h"
 
-#include <android/log.h>
 
 #include <algorithm>
 #include <chrono>
@@ -13,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include "LogCapture.h"
 #include "TempPropertyFile.h"
 #include "WatcherFakes.h"
 #include "common/Properties.h"
@@ -73,7 +71,6 @@ TEST(NetdRestartWatcher, TriesRefusedRulesAgainUntilInPlaceOrTheBound) {
     ScriptedWatch watch;
     FakeHooks hooks;
     NetdRestartWatcher watcher(watch, hooks);
-    LogCapture log;
     hooks.found = {JumpState::kMissing, JumpState::kMissing};
     hooks.refusing = {"wlan1", "rmnet_data0"};
     watch.script = {"restarting", std::nullopt, "running"};
@@ -97,16 +94,6 @@ TEST(NetdRestartWatcher, TriesRefusedRulesAgainUntilInPlaceOrTheBound) {
     for (size_t i = 0; i < waits.size() + 2; ++i) expected.insert(expected.end(), {"check", "retry"});
     expected.push_back("check");  // the scripted wake-up from the endless wait
     EXPECT_EQ(expected, hooks.calls);
-    Strings said;  // at info priority and above
-    for (const LogLine& l : log.lines()) {
-        if (l.priority >= ANDROID_LOG_INFO) said.push_back(std::to_string(l.priority) + " " + l.text);
-    }
-    EXPECT_EQ((Strings{"4 restored the mangle OUTPUT and nat POSTROUTING jumps and no ip rule (refused for now: "
-                       "wlan1, rmnet_data0) after a platform restart",
-                       "4 restored the ip rules of rmnet_data0 (refused at first) after a platform restart",
-                       "6 stopped trying the ip rules of wlan1 300 s after a platform restart: their tables are not "
-                       "named; add-ip-rule adds them again"}),
-              said);
     const RestorationHistory h = watcher.restorations();
     EXPECT_EQ(2u, h.count);
     EXPECT_EQ("wlan1", h.refused);
