@@ -37,17 +37,30 @@ function(probemond_add_unit_test name)
     PROPERTIES TIMEOUT 300 ENVIRONMENT "PROBEMOND_EMULATOR=${PROBEMOND_EMULATOR}")
 endfunction()
 
-# probemond_add_lab_test(NAME SOURCES... LIBS...)
-# A GoogleTest binary run inside the lab's device namespace (see lab/lab.sh).
-# The run's own lab (PROBEMOND_LAB) is brought up by the "lab.up" fixture; lab
-# tests never run in parallel within a run.
-# Exit code 77 from lab.sh (no root, no namespaces) marks the test skipped.
+# probemond_lab_exec_test(NAME TIMEOUT LABELS COMMAND...): COMMAND run inside
+# the lab's device namespace (see lab/lab.sh). The run's own lab
+# (PROBEMOND_LAB) is brought up by the "lab.up" fixture; lab tests never run
+# in parallel within a run. Exit code 77 (no root, no namespaces) marks the
+# test skipped.
+function(probemond_lab_exec_test name timeout labels)
+  add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/lab.sh exec ${ARGN})
+  set_tests_properties(${name} PROPERTIES
+    FIXTURES_REQUIRED lab RESOURCE_LOCK lab SKIP_RETURN_CODE 77 TIMEOUT ${timeout}
+    LABELS "${labels}" ENVIRONMENT "PROBEMOND_SOURCE_DIR=${CMAKE_SOURCE_DIR};PROBEMOND_BUILD_DIR=${CMAKE_BINARY_DIR};PROBEMOND_EMULATOR=${PROBEMOND_EMULATOR}")
+endfunction()
+
+# probemond_add_lab_test(NAME SOURCES... LIBS...): a GoogleTest binary run in the lab.
 function(probemond_add_lab_test name)
   cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} probemond_host_testsupport GTest::gtest GTest::gmock GTest::gtest_main)
-  add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/lab/lab.sh exec ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
-  set_tests_properties(${name} PROPERTIES
-    FIXTURES_REQUIRED lab RESOURCE_LOCK lab SKIP_RETURN_CODE 77 TIMEOUT 600
-    LABELS lab ENVIRONMENT "PROBEMOND_SOURCE_DIR=${CMAKE_SOURCE_DIR};PROBEMOND_BUILD_DIR=${CMAKE_BINARY_DIR};PROBEMOND_EMULATOR=${PROBEMOND_EMULATOR}")
+  probemond_lab_exec_test(${name} 600 lab ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
+endfunction()
+
+# probemond_add_lab_script_tests(PREFIX SCRIPT CASES...): one test per case of
+# a script that runs the daemon as a process in the lab.
+function(probemond_add_lab_script_tests prefix script)
+  foreach(case ${ARGN})
+    probemond_lab_exec_test(${prefix}.${case} 180 "lab;${prefix}" ${script} ${case})
+  endforeach()
 endfunction()
