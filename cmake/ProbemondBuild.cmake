@@ -14,6 +14,12 @@ if(PROBEMOND_SANITIZE)
   endforeach()
   add_compile_options(-fsanitize=${PROBEMOND_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${PROBEMOND_SANITIZE})
+  if("thread" IN_LIST _sans)
+    # Every program created after this gets the suppressions of glibc's own
+    # races (the runtime finds them by name, so they must be linked in).
+    add_library(probemond_tsan_suppressions OBJECT ${CMAKE_CURRENT_LIST_DIR}/tsan_suppressions.cpp)
+    link_libraries(probemond_tsan_suppressions)
+  endif()
 endif()
 
 # Debian ships the platform's liblog and libutils under an "android" subfolder.
