@@ -144,14 +144,12 @@ private:
 
 // Runs each thread on a std::thread that join() waits for; or refuses.
 struct JoiningLauncher : ThreadLauncher {
-    std::atomic<int> started{0};
     bool refuse = false;
 
     int start(std::function<void()> body) override {
         if (refuse) return EAGAIN;
         std::lock_guard<std::mutex> g(lock_);
         threads_.emplace_back(std::move(body));
-        ++started;
         return 0;
     }
     void join() {

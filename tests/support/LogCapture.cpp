@@ -51,17 +51,6 @@ size_t LogCapture::count(const std::string& text, int priority) const {
     return n;
 }
 
-size_t LogCapture::countContaining(const std::string& part, int priority) const {
-    size_t n = 0;
-    for (const auto& l : lines()) n += l.text.find(part) != std::string::npos && (priority < 0 || l.priority == priority);
-    return n;
-}
-
-void LogCapture::clear() {
-    std::lock_guard<std::mutex> g(gLock);
-    if (gLines) gLines->clear();
-}
-
 std::string LogCapture::dump() const {
     std::string out;
     for (const auto& l : lines()) out += std::to_string(l.priority) + ' ' + l.text + '\n';

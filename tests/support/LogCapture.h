@@ -25,9 +25,6 @@ public:
     std::vector<std::string> texts() const;
     // Lines whose text equals `text` exactly (optionally of one priority).
     size_t count(const std::string& text, int priority = -1) const;
-    // Lines whose text contains `part`.
-    size_t countContaining(const std::string& part, int priority = -1) const;
-    void clear();
     // Every line, one per row, for failure messages.
     std::string dump() const;
 };

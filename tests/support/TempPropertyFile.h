@@ -2,19 +2,35 @@
 // fresh temporary file, and unsets it afterwards.
 #pragma once
 
+#include <cutils/properties.h>
+#include <stdlib.h>
+#include <unistd.h>
+
 #include <string>
 
 namespace probemond::test {
 
 class TempPropertyFile {
 public:
-    TempPropertyFile();
-    ~TempPropertyFile();
+    TempPropertyFile() {
+        char tmpl[] = "/tmp/probemond-props-XXXXXX";
+        const int fd = mkstemp(tmpl);
+        if (fd >= 0) close(fd);
+        path_ = tmpl;
+        setenv("PROBEMOND_PROPERTY_FILE", path_.c_str(), 1);
+    }
+    ~TempPropertyFile() {
+        unlink(path_.c_str());
+        unsetenv("PROBEMOND_PROPERTY_FILE");
+    }
     TempPropertyFile(const TempPropertyFile&) = delete;
     TempPropertyFile& operator=(const TempPropertyFile&) = delete;
 
     // Sets (or, with an empty value, clears) one property through property_set.
-    void set(const std::string& key, const std::string& value);
+    // A test must not run on with a default it did not ask for.
+    void set(const std::string& key, const std::string& value) {
+        if (property_set(key.c_str(), value.c_str()) != 0) abort();
+    }
     const std::string& path() const { return path_; }
 
 private:
