@@ -2,7 +2,6 @@
 // and the real property wait on the host's property file.
 #include "netctl/NetdRestartWatcher.h"
 
-
 #include <algorithm>
 #include <chrono>
 #include <fstream>
@@ -22,10 +21,14 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
-TEST(NetdRestartWatcher, PutsBackWhatIsMissingOnlyWhenTheMangleJumpIs) {
+// A watcher on a scripted property wait and fake hooks.
+struct RestartWatcher : ::testing::Test {
     ScriptedWatch watch;
     FakeHooks hooks;
-    NetdRestartWatcher watcher(watch, hooks);
+    NetdRestartWatcher watcher{watch, hooks};
+};
+
+TEST_F(RestartWatcher, PutsBackWhatIsMissingOnlyWhenTheMangleJumpIs) {
     auto checkWith = [&](JumpState output, JumpState postrouting) {
         hooks.calls.clear();
         hooks.found = {output, postrouting};
@@ -45,11 +48,7 @@ TEST(NetdRestartWatcher, PutsBackWhatIsMissingOnlyWhenTheMangleJumpIs) {
 
 // With nothing refused: a check at once after a change, then backing off
 // over half a minute, then a wait for the next change alone.
-TEST(NetdRestartWatcher, ChecksFollowTheScheduleThenWaitForAChange) {
-    ScriptedWatch watch;
-    FakeHooks hooks;
-    NetdRestartWatcher watcher(watch, hooks);
-    hooks.found = {JumpState::kInPlace, JumpState::kInPlace};
+TEST_F(RestartWatcher, ChecksFollowTheScheduleThenWaitForAChange) {
     watch.script = {"running"};
     do {
         watcher.step();
@@ -67,10 +66,7 @@ TEST(NetdRestartWatcher, ChecksFollowTheScheduleThenWaitForAChange) {
 // a restoration of its own once in place; the checks go on while one is
 // refused, until the waits since the latest change reach the bound; then the
 // watcher names what is left and waits for a change alone.
-TEST(NetdRestartWatcher, TriesRefusedRulesAgainUntilInPlaceOrTheBound) {
-    ScriptedWatch watch;
-    FakeHooks hooks;
-    NetdRestartWatcher watcher(watch, hooks);
+TEST_F(RestartWatcher, TriesRefusedRulesAgainUntilInPlaceOrTheBound) {
     hooks.found = {JumpState::kMissing, JumpState::kMissing};
     hooks.refusing = {"wlan1", "rmnet_data0"};
     watch.script = {"restarting", std::nullopt, "running"};

@@ -6,13 +6,18 @@
 # MAP_ORDER: the interfaces in the order of the daemon's interface map (by name).
 readonly UID_APP=10123 MAP_ORDER="$(lab_ifaces_sorted | paste -sd ' ')"
 
+# check_jumps N: the daemon's jump from mangle OUTPUT and from nat POSTROUTING, N times each.
+check_jumps() {
+    expect_eq "OUTPUT jumps" "$1" "$(iptables-legacy-save -t mangle | grep -c '^-A OUTPUT -j kest_probemon_uid$')"
+    expect_eq "POSTROUTING jumps" "$1" "$(iptables-legacy-save -t nat | grep -c '^-A POSTROUTING -j kest_probemon_snat$')"
+}
+
 # The kernel state a start leaves: the chain tree, one marking chain per
 # interface and one MASQUERADE per interface; OUTPUT_JUMPS counts the starts.
 check_chains() {
     local m n i end
     m="$(iptables-legacy-save -t mangle)" n="$(iptables-legacy-save -t nat)"
-    expect_eq "OUTPUT jumps" "$1" "$(grep -c '^-A OUTPUT -j kest_probemon_uid$' <<<"$m")"
-    expect_eq "POSTROUTING jumps" "$1" "$(grep -c '^-A POSTROUTING -j kest_probemon_snat$' <<<"$n")"
+    check_jumps "$1"
     expect_eq "branches in order" "kest_probemon_iface_rmnet kest_probemon_iface_auto kest_probemon_iface_wlan" \
         "$(sed -n 's/^-A kest_probemon_iface -j //p' <<<"$m" | paste -sd ' ')"
     expect_eq "rules in the uid, branch and snat chains" 0 \
@@ -207,12 +212,10 @@ check_netd_restart() {  # IFACE PRIO...
 # IFACE within SECONDS, each jump and each rule at PRIO... once, and the dump
 # counts RESTORATIONS.
 check_restored() {
-    local prio m n
+    local prio
     pd_wait_true "$1" carrier_is "$2" || fail "carrier after $1 s: $(pd_udp_carrier $UID_APP 200)"
     for prio in "${@:4}"; do expect_eq "rules at $prio" 1 "$(ip -4 rule show prio "$prio" | grep -c .)"; done
-    m="$(iptables-legacy-save -t mangle)" n="$(iptables-legacy-save -t nat)"
-    expect_eq "OUTPUT jumps" 1 "$(grep -c '^-A OUTPUT -j kest_probemon_uid$' <<<"$m")"
-    expect_eq "POSTROUTING jumps" 1 "$(grep -c '^-A POSTROUTING -j kest_probemon_snat$' <<<"$n")"
+    check_jumps 1
     pd_ctl dump | grep -qE "^restored after platform restarts: count=$3 lastMsAgo=[0-9]+$" ||
         fail "dump: $(pd_ctl dump | grep -A2 '^restored')"
 }

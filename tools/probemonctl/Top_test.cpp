@@ -36,11 +36,7 @@ std::string sampleDump() {
     for (int k = 0; k < 7; ++k) {
         s.autoSwitches.recent.push_back({1700000000000 + k * 1000, "wlan0", 150 + k, "rmnet_data0", 40});
     }
-    RestorationHistory restored;
-    restored.count = 2;
-    restored.msSinceLast = 61000;
-    restored.lastWallMs = 1700000009000;
-    restored.lastRestored = "the mangle OUTPUT jump and the ip rules of wlan1";
+    const RestorationHistory restored{2, 61000, 1700000009000, "the mangle OUTPUT jump and the ip rules of wlan1", "", false};
     return probemond::formatState(s, {"10123"}, restored);
 }
 
